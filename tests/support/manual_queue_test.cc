@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/clock.h"
+#include "support/queue.h"
+
+namespace verdalune::sessionreplay {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::milliseconds;
+
+TEST(ManualClockTest, AdvanceMovesBothTimesForwardOnlyAndKeepsFractionsOfAMillisecond) {
+  ManualClock clock(1'000);
+  EXPECT_EQ(clock.monotonic(), std::chrono::steady_clock::time_point{});
+  std::jthread reader([&] {
+    auto last = clock.monotonic();
+    for (int i = 0; i < 1000; ++i) {
+      const auto now = clock.monotonic();
+      EXPECT_GE(now, last);
+      last = now;
+    }
+  });
+  for (int i = 0; i < 1000; ++i) clock.advance(500us);
+  clock.advance(-1s);
+  EXPECT_EQ(clock.wallMilliseconds(), 1'500);
+  EXPECT_EQ(clock.monotonic().time_since_epoch(), 500ms);
+
+  clock.setWallMilliseconds(-5);
+  EXPECT_EQ(clock.wallMilliseconds(), -5);
+  EXPECT_EQ(clock.monotonic().time_since_epoch(), 500ms)
+      << "setting the wall time leaves monotonic time alone";
+}
+
+class ManualQueueTest : public ::testing::Test {
+ protected:
+  static constexpr std::int64_t kStartWall = 1'700'000'000'000;
+
+  // Records the name and the virtual time, in milliseconds since the test began.
+  std::function<void()> record(std::string name) {
+    return [this, name] { log.push_back(name + "@" + std::to_string(elapsed().count())); };
+  }
+
+  milliseconds elapsed() const {
+    return std::chrono::duration_cast<milliseconds>(clock->monotonic() - start);
+  }
+
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(kStartWall);
+  const std::chrono::steady_clock::time_point start = clock->monotonic();
+  ManualQueue queue{"com.verdalune.sessionreplay.test", clock};
+  std::vector<std::string> log;
+};
+
+TEST_F(ManualQueueTest, RunsNothingUntilDrivenThenEverythingDueIncludingWorkQueuedByWork) {
+  bool current = false;
+  std::size_t nestedRuns = 99;
+  queue.async([&] {
+    record("a")();
+    current = queue.isCurrent();
+    queue.async(record("c"));
+    queue.asyncAfter(0ms, record("d"));
+    // One item at a time: driving the queue from its own work does nothing, not even move the clock.
+    nestedRuns = queue.runUntilIdle() + queue.advance(1s);
+  });
+  queue.async(record("b"));
+  EXPECT_TRUE(log.empty());
+  EXPECT_EQ(queue.pendingCount(), 2u);
+
+  EXPECT_EQ(queue.runUntilIdle(), 4u);
+  EXPECT_EQ(log, (std::vector<std::string>{"a@0", "b@0", "c@0", "d@0"}));
+  EXPECT_TRUE(current);
+  EXPECT_FALSE(queue.isCurrent());
+  EXPECT_EQ(nestedRuns, 0u);
+  EXPECT_EQ(queue.pendingCount(), 0u);
+}
+
+TEST_F(ManualQueueTest, DelayedWorkRunsInDueOrderWithTheClockAtItsDueTime) {
+  queue.asyncAfter(300ms, record("d"));
+  queue.asyncAfter(100ms, record("a"));
+  queue.asyncAfter(200ms, record("c"));
+  queue.asyncAfter(100ms, record("b"));
+  EXPECT_EQ(queue.runUntilIdle(), 0u);
+
+  EXPECT_EQ(queue.advance(250ms), 3u);
+  EXPECT_EQ(log, (std::vector<std::string>{"a@100", "b@100", "c@200"}));
+  EXPECT_EQ(elapsed(), 250ms);
+  EXPECT_EQ(clock->wallMilliseconds(), kStartWall + 250);
+
+  EXPECT_EQ(queue.advance(50ms), 1u);
+  EXPECT_EQ(log.back(), "d@300");
+}
+
+TEST_F(ManualQueueTest, TimersSetByTimersFireWithinTheSameAdvance) {
+  // The retry that schedules a block flush: 30 s, then 60 s from there.
+  queue.asyncAfter(30s, [&] { queue.asyncAfter(60s, record("flush")); });
+  queue.advance(89s);
+  EXPECT_TRUE(log.empty());
+  queue.advance(1s);
+  EXPECT_EQ(log, (std::vector<std::string>{"flush@90000"}));
+
+  // A display link that re-arms itself every 100 ms.
+  log.clear();
+  std::function<void()> tick = [&] {
+    record("tick")();
+    queue.asyncAfter(100ms, tick);
+  };
+  queue.asyncAfter(100ms, tick);
+  EXPECT_EQ(queue.advance(1s), 10u);
+  EXPECT_EQ(log.front(), "tick@90100");
+  EXPECT_EQ(log.back(), "tick@91000");
+  EXPECT_EQ(queue.pendingCount(), 1u);
+}
+
+TEST_F(ManualQueueTest, CancelledWorkNeverRunsEvenOnceDue) {
+  auto flush = queue.asyncAfter(60s, record("flush"));
+  EXPECT_EQ(queue.pendingCount(), 1u);
+  EXPECT_TRUE(flush->cancel());
+  EXPECT_EQ(queue.pendingCount(), 0u);
+
+  // Both due at 10 s: the first cancels the second after it has come due but before it starts.
+  std::shared_ptr<DelayedWork> second;
+  queue.asyncAfter(10s, [&] { EXPECT_TRUE(second->cancel()); });
+  second = queue.asyncAfter(10s, record("second"));
+
+  EXPECT_EQ(queue.advance(2min), 1u);
+  EXPECT_TRUE(log.empty());
+  EXPECT_FALSE(flush->cancel());
+}
+
+TEST_F(ManualQueueTest, SuspendedQueueRunsDueWorkAfterResumeInTheOrderItCameDue) {
+  queue.suspend();
+  queue.asyncAfter(10s, record("timer"));
+  EXPECT_EQ(queue.advance(20s), 0u);
+  queue.async(record("queued"));
+  EXPECT_EQ(queue.pendingCount(), 2u);
+  EXPECT_EQ(queue.runUntilIdle(), 0u);
+
+  queue.suspend();
+  EXPECT_TRUE(queue.resume());
+  EXPECT_EQ(queue.runUntilIdle(), 0u) << "suspension is counted";
+  EXPECT_TRUE(queue.resume());
+  EXPECT_EQ(queue.runUntilIdle(), 2u);
+  EXPECT_EQ(log, (std::vector<std::string>{"timer@20000", "queued@20000"}));
+
+  // Suspending from work stops the run after that work; a resume too many is ignored.
+  EXPECT_FALSE(queue.resume());
+  queue.async([&] { queue.suspend(); });
+  queue.async(record("held"));
+  EXPECT_EQ(queue.runUntilIdle(), 1u);
+  EXPECT_TRUE(queue.resume());
+  EXPECT_EQ(queue.runUntilIdle(), 1u);
+}
+
+TEST_F(ManualQueueTest, DestroyedByItsOwnWorkStopsAndDropsTheRest) {
+  auto own = std::make_unique<ManualQueue>("own", clock);
+  auto token = std::make_shared<int>(0);
+  std::weak_ptr<int> watch = token;
+  own->async([&] { own.reset(); });
+  own->async([token = std::move(token)] { FAIL() << "ran after its queue was destroyed"; });
+  own->asyncAfter(1s, [] { FAIL() << "ran after its queue was destroyed"; });
+
+  EXPECT_EQ(own->advance(2s), 1u);
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(elapsed(), 2s);
+}
+
+}  // namespace
+}  // namespace verdalune::sessionreplay
