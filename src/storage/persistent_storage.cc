@@ -1,0 +1,174 @@
+#include "storage/persistent_storage.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+
+namespace verdalune::sessionreplay {
+namespace {
+
+constexpr std::string_view kFolderName = "com.verdalune.sessionreplay";
+constexpr std::string_view kExtension = ".replay";
+
+// The one place a failed system call becomes an error value.
+std::unexpected<std::error_code> systemError(int number = errno) {
+  return std::unexpected(std::error_code(number, std::generic_category()));
+}
+
+bool parseInteger(std::string_view text, std::int64_t& value) {
+  if (text.empty()) return false;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return error == std::errc{} && end == text.data() + text.size();
+}
+
+bool isPlainFolderName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
+}
+
+StorageResult<void> makeDirectory(const std::filesystem::path& path) {
+  if (::mkdir(path.c_str(), 0700) == 0 || errno == EEXIST) return {};
+  return systemError();
+}
+
+void syncDirectory(const std::filesystem::path& path) {
+  // A new file's name is only durable once its folder is synced; failure here loses nothing that a
+  // later sync of the file would keep, so it is not reported.
+  const int folder = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) return;
+  ::fsync(folder);
+  ::close(folder);
+}
+
+}  // namespace
+
+StorageResult<BlockIdentity> parseBlockFileName(std::string_view fileName) {
+  const auto unreadable = std::unexpected(make_error_code(StorageError::unreadableName));
+  if (!fileName.ends_with(kExtension)) return unreadable;
+  const std::string_view stem = fileName.substr(0, fileName.size() - kExtension.size());
+  const std::size_t last = stem.rfind('_');
+  if (last == std::string_view::npos || last == 0) return unreadable;
+  const std::size_t middle = stem.rfind('_', last - 1);
+  if (middle == std::string_view::npos || middle == 0) return unreadable;
+
+  BlockIdentity identity;
+  identity.deviceId = std::string(stem.substr(0, middle));
+  if (!parseInteger(stem.substr(middle + 1, last - middle - 1), identity.sessionId) ||
+      !parseInteger(stem.substr(last + 1), identity.sequenceNumber)) {
+    return unreadable;
+  }
+  return identity;
+}
+
+std::string blockFileName(const BlockIdentity& identity) {
+  return identity.deviceId + "_" + std::to_string(identity.sessionId) + "_" +
+         std::to_string(identity.sequenceNumber) + std::string(kExtension);
+}
+
+PersistentStorage::PersistentStorage(std::string apiKey, std::filesystem::path applicationSupportDirectory)
+    : apiKey_(std::move(apiKey)), folder_(std::move(applicationSupportDirectory) / kFolderName / apiKey_) {}
+
+StorageResult<void> PersistentStorage::createFolder() const {
+  if (!isPlainFolderName(apiKey_)) return std::unexpected(make_error_code(StorageError::invalidFolderName));
+  // Application support may itself be missing on a fresh install.
+  std::error_code error;
+  std::filesystem::create_directories(folder_.parent_path().parent_path(), error);
+  if (error) return std::unexpected(error);
+  if (auto made = makeDirectory(folder_.parent_path()); !made) return made;
+  return makeDirectory(folder_);
+}
+
+StorageResult<std::vector<PersistentStorage::Block>> PersistentStorage::blocks() const {
+  std::vector<Block> files;
+  std::error_code error;
+  std::filesystem::directory_iterator entries(folder_, error);
+  if (error == std::errc::no_such_file_or_directory) return files;
+  if (error) return std::unexpected(error);
+  for (const auto& entry : entries) {
+    if (entry.is_regular_file(error)) files.push_back(entry.path());
+  }
+  std::ranges::sort(files);
+  return files;
+}
+
+StorageResult<BlockIdentity> PersistentStorage::identity(const Block& block) const {
+  return parseBlockFileName(block.filename().string());
+}
+
+StorageResult<PersistentStorage::Block> PersistentStorage::create(const BlockIdentity& identity) const {
+  if (auto made = createFolder(); !made) return std::unexpected(made.error());
+  return folder_ / blockFileName(identity);
+}
+
+StorageResult<PersistentStorage::OutputStream> PersistentStorage::openOutputStream(const Block& block) const {
+  const bool existed = ::access(block.c_str(), F_OK) == 0;
+  const int file = ::open(block.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  if (file < 0) return systemError();
+  if (!existed) syncDirectory(block.parent_path());
+  return FileOutputStream(file);
+}
+
+StorageResult<std::string> PersistentStorage::read(const Block& block) const {
+  const int file = ::open(block.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return systemError();
+  std::string bytes;
+  char buffer[1 << 16];
+  for (;;) {
+    const ssize_t count = ::read(file, buffer, sizeof buffer);
+    if (count == 0) break;
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      const int number = errno;
+      ::close(file);
+      return systemError(number);
+    }
+    bytes.append(buffer, static_cast<std::size_t>(count));
+  }
+  ::close(file);
+  return bytes;
+}
+
+StorageResult<void> PersistentStorage::remove(const Block& block) const {
+  if (::unlink(block.c_str()) != 0) return systemError();
+  return {};
+}
+
+PersistentStorage::FileOutputStream& PersistentStorage::FileOutputStream::operator=(
+    FileOutputStream&& other) noexcept {
+  if (this != &other) {
+    (void)close();
+    fileHandle_ = std::exchange(other.fileHandle_, -1);
+  }
+  return *this;
+}
+
+PersistentStorage::FileOutputStream::~FileOutputStream() { (void)close(); }
+
+StorageResult<void> PersistentStorage::FileOutputStream::write(std::span<const std::uint8_t> bytes) {
+  if (fileHandle_ < 0) return systemError(EBADF);
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(fileHandle_, bytes.data(), bytes.size());
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      return systemError();
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(count));
+  }
+  return {};
+}
+
+StorageResult<void> PersistentStorage::FileOutputStream::close() {
+  if (fileHandle_ < 0) return {};
+  const int file = std::exchange(fileHandle_, -1);
+  const bool synced = ::fsync(file) == 0;
+  const int syncError = errno;
+  if (::close(file) != 0) return systemError();
+  if (!synced) return systemError(syncError);
+  return {};
+}
+
+}  // namespace verdalune::sessionreplay

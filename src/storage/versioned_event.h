@@ -1,0 +1,68 @@
+#pragma once
+
+#include <expected>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "rrweb/events.h"
+
+namespace verdalune::sessionreplay {
+
+// An event as it is stored: the event's own keys plus "v":"v1", so a reader can tell formats apart.
+struct VersionedEvent {
+  rrweb::Event event;
+};
+
+enum class PackError {
+  couldNotBindSourceAddress,
+  couldNotBindDestinationAddress,
+  failedToCompress,
+  badEncoding,
+};
+
+// The event held a value JSON cannot express (a NaN or infinite number).
+struct JsonEncodingError {
+  std::string description;
+};
+
+using PackFailure = std::variant<PackError, JsonEncodingError>;
+
+[[nodiscard]] std::string describe(const PackFailure& failure);
+
+// Turns events into packed text: sorted-key JSON, compressed with zlib's one-shot compress, each
+// compressed byte taken as one Latin-1 character, and the whole written as a JSON string literal.
+// The literal has no raw line feed, so a block can frame records with line feeds.
+//
+// Keeps its buffers between calls, so one packer lives as long as the storage queue that uses it.
+// Not thread-safe.
+class EventPacker {
+ public:
+  // The packed text stays valid until the next call.
+  [[nodiscard]] std::expected<std::string_view, PackFailure> pack(const rrweb::Event& event);
+
+  // The sorted-key JSON that pack compresses; for tests and tools.
+  [[nodiscard]] std::expected<std::string, PackFailure> encode(const VersionedEvent& event);
+
+ private:
+  // Writes the versioned JSON of `event` into json_.
+  [[nodiscard]] std::expected<void, PackFailure> writeJson(const rrweb::Event& event);
+
+  std::string json_;
+  std::string compressed_;
+  std::string literal_;
+};
+
+enum class UnpackError {
+  notAStringLiteral,  // the text is not one JSON string
+  notLatin1,          // a character above U+00FF: these were never compressed bytes
+  inflateFailed,      // not a complete zlib stream
+};
+
+[[nodiscard]] std::string_view describe(UnpackError error);
+
+// The reverse of EventPacker::pack: the event's JSON text, as stored (for tests, tools and the
+// collection service).
+[[nodiscard]] std::expected<std::string, UnpackError> unpackEvent(std::string_view packed);
+
+}  // namespace verdalune::sessionreplay
