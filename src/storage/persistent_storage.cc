@@ -8,16 +8,15 @@
 #include <cerrno>
 #include <charconv>
 
+#include "support/files.h"
+
 namespace verdalune::sessionreplay {
 namespace {
 
 constexpr std::string_view kFolderName = "com.verdalune.sessionreplay";
 constexpr std::string_view kExtension = ".replay";
 
-// The one place a failed system call becomes an error value.
-std::unexpected<std::error_code> systemError(int number = errno) {
-  return std::unexpected(std::error_code(number, std::generic_category()));
-}
+std::unexpected<std::error_code> failure(int number = errno) { return std::unexpected(systemError(number)); }
 
 bool parseInteger(std::string_view text, std::int64_t& value) {
   if (text.empty()) return false;
@@ -32,7 +31,7 @@ bool isPlainFolderName(std::string_view name) {
 
 StorageResult<void> makeDirectory(const std::filesystem::path& path) {
   if (::mkdir(path.c_str(), 0700) == 0 || errno == EEXIST) return {};
-  return systemError();
+  return failure();
 }
 
 void syncDirectory(const std::filesystem::path& path) {
@@ -107,33 +106,15 @@ StorageResult<PersistentStorage::Block> PersistentStorage::create(const BlockIde
 StorageResult<PersistentStorage::OutputStream> PersistentStorage::openOutputStream(const Block& block) const {
   const bool existed = ::access(block.c_str(), F_OK) == 0;
   const int file = ::open(block.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  if (file < 0) return systemError();
+  if (file < 0) return failure();
   if (!existed) syncDirectory(block.parent_path());
   return FileOutputStream(file);
 }
 
-StorageResult<std::string> PersistentStorage::read(const Block& block) const {
-  const int file = ::open(block.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0) return systemError();
-  std::string bytes;
-  char buffer[1 << 16];
-  for (;;) {
-    const ssize_t count = ::read(file, buffer, sizeof buffer);
-    if (count == 0) break;
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      const int number = errno;
-      ::close(file);
-      return systemError(number);
-    }
-    bytes.append(buffer, static_cast<std::size_t>(count));
-  }
-  ::close(file);
-  return bytes;
-}
+StorageResult<std::string> PersistentStorage::read(const Block& block) const { return readWholeFile(block); }
 
 StorageResult<void> PersistentStorage::remove(const Block& block) const {
-  if (::unlink(block.c_str()) != 0) return systemError();
+  if (::unlink(block.c_str()) != 0) return failure();
   return {};
 }
 
@@ -149,12 +130,12 @@ PersistentStorage::FileOutputStream& PersistentStorage::FileOutputStream::operat
 PersistentStorage::FileOutputStream::~FileOutputStream() { (void)close(); }
 
 StorageResult<void> PersistentStorage::FileOutputStream::write(std::span<const std::uint8_t> bytes) {
-  if (fileHandle_ < 0) return systemError(EBADF);
+  if (fileHandle_ < 0) return failure(EBADF);
   while (!bytes.empty()) {
     const ssize_t count = ::write(fileHandle_, bytes.data(), bytes.size());
     if (count < 0) {
       if (errno == EINTR) continue;
-      return systemError();
+      return failure();
     }
     bytes = bytes.subspan(static_cast<std::size_t>(count));
   }
@@ -166,8 +147,8 @@ StorageResult<void> PersistentStorage::FileOutputStream::close() {
   const int file = std::exchange(fileHandle_, -1);
   const bool synced = ::fsync(file) == 0;
   const int syncError = errno;
-  if (::close(file) != 0) return systemError();
-  if (!synced) return systemError(syncError);
+  if (::close(file) != 0) return failure();
+  if (!synced) return failure(syncError);
   return {};
 }
 

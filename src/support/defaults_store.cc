@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "support/base64.h"
+#include "support/files.h"
 #include "support/json_writer.h"
 
 namespace verdalune::sessionreplay {
@@ -23,37 +24,8 @@ constexpr std::string_view kStringTag = "string";
 constexpr std::string_view kIntegerTag = "integer";
 constexpr std::string_view kBytesTag = "bytes";
 
-// The one place where errno becomes an error value.
-std::error_code posixError(int error) {
-  return {error, std::generic_category()};
-}
-
 std::string_view view(const rapidjson::Value& string) {
   return {string.GetString(), string.GetStringLength()};
-}
-
-// The file's text, or nothing when there is no file.
-std::expected<std::optional<std::string>, std::error_code> readFile(const std::filesystem::path& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno == ENOENT) return std::optional<std::string>();
-    return std::unexpected(posixError(errno));
-  }
-  std::string contents;
-  char buffer[4096];
-  for (;;) {
-    const ssize_t count = ::read(fd, buffer, sizeof buffer);
-    if (count == 0) break;
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      const int error = errno;
-      ::close(fd);
-      return std::unexpected(posixError(error));
-    }
-    contents.append(buffer, static_cast<std::size_t>(count));
-  }
-  ::close(fd);
-  return contents;
 }
 
 // Anything short of a file this store wrote (a value of an unknown type, a duplicate key, a newer
@@ -122,11 +94,11 @@ std::string serializeValues(const Values& values) {
 
 Result syncFolder(const std::filesystem::path& folder) {
   const int fd = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return std::unexpected(posixError(errno));
+  if (fd < 0) return std::unexpected(systemError());
   const int result = ::fsync(fd);
   const int error = errno;
   ::close(fd);
-  if (result != 0) return std::unexpected(posixError(error));
+  if (result != 0) return std::unexpected(systemError(error));
   return {};
 }
 
@@ -136,11 +108,11 @@ Result syncFolder(const std::filesystem::path& folder) {
 Result replaceFile(const std::filesystem::path& path, std::string_view contents) {
   std::string temporaryPath = path.string() + ".XXXXXX";
   int fd = ::mkostemp(temporaryPath.data(), O_CLOEXEC);
-  if (fd < 0) return std::unexpected(posixError(errno));
+  if (fd < 0) return std::unexpected(systemError());
   const auto fail = [&](int error) -> Result {
     if (fd >= 0) ::close(fd);
     ::unlink(temporaryPath.c_str());
-    return std::unexpected(posixError(error));
+    return std::unexpected(systemError(error));
   };
 
   if (::fchmod(fd, 0600) != 0) return fail(errno);
@@ -227,12 +199,12 @@ JsonFileDefaultsStore::JsonFileDefaultsStore(std::filesystem::path path, Values 
 
 std::expected<JsonFileDefaultsStore::Opened, std::error_code> JsonFileDefaultsStore::open(
     std::filesystem::path path) {
-  auto text = readFile(path);
-  if (!text) return std::unexpected(text.error());
+  auto text = readWholeFile(path);
+  if (!text && text.error() != std::errc::no_such_file_or_directory) return std::unexpected(text.error());
   Found found = Found::noFile;
   Values values;
-  if (*text) {
-    std::optional<Values> parsed = parseValues(**text);
+  if (text) {
+    std::optional<Values> parsed = parseValues(*text);
     found = parsed ? Found::file : Found::corruptFile;
     if (parsed) values = std::move(*parsed);
   }

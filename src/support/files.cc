@@ -1,0 +1,28 @@
+#include "support/files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace verdalune::sessionreplay {
+
+std::expected<std::string, std::error_code> readWholeFile(const std::filesystem::path& path) {
+  const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return std::unexpected(systemError());
+  std::string contents;
+  char buffer[1 << 16];
+  for (;;) {
+    const ssize_t count = ::read(file, buffer, sizeof buffer);
+    if (count == 0) break;
+    if (count < 0) {
+      if (errno == EINTR) continue;
+      const std::error_code error = systemError();
+      ::close(file);
+      return std::unexpected(error);
+    }
+    contents.append(buffer, static_cast<std::size_t>(count));
+  }
+  ::close(file);
+  return contents;
+}
+
+}  // namespace verdalune::sessionreplay
