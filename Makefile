@@ -39,7 +39,7 @@ asan-test: deps build/asan/build.ninja
 
 # The queues and everything that hands work between threads, under ThreadSanitizer.
 tsan-test: deps build/tsan/build.ninja
-	ninja -C build/tsan -j $(JOBS) vdl_tests
+	ninja -C build/tsan -j $(JOBS) vdl_thread_tests
 	ctest --test-dir build/tsan --output-on-failure -j $(JOBS) -L threads
 
 fuzz-test: deps build/fuzz/build.ninja
