@@ -10,6 +10,8 @@ debian_packages=(
   clang-16 libclang-rt-16-dev        # libFuzzer targets
   clang-format
   zlib1g-dev rapidjson-dev
+  libcurl4-openssl-dev               # the HTTP transport
+  libcpp-httplib-dev libsqlite3-dev libssl-dev  # the collector and the tests' HTTP servers
   libgtest-dev libgmock-dev googletest libbenchmark-dev
 )
 

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <variant>
 
+#include "verdalune/platform/network.h"
+
 namespace verdalune::sessionreplay {
 
 // The outcome of every HTTP exchange of the library (block uploads and configuration fetches).
@@ -29,21 +31,8 @@ enum class HttpError {
   invalidResponse,
 };
 
-// A failure of the transport itself, with its URL-loading error code (-1009 not connected, -1001 timed
-// out, ...). Codes the classification does not know are passed through to the caller unchanged.
-struct TransportError {
-  int code = 0;
-  std::string description;
-
-  bool operator==(const TransportError&) const = default;
-};
-
-// What the transport hands back when a request completes: the HTTP status, or no HTTP response at all
-// (`isHttp` false) for a transport that answered with something else.
-struct HttpResponse {
-  int statusCode = 0;
-  bool isHttp = true;
-};
+using platform::HttpResponse;
+using platform::TransportError;
 
 using HttpFailure = std::variant<HttpError, TransportError>;
 

@@ -1,0 +1,240 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "rrweb/events.h"
+#include "storage/block_state.h"
+#include "storage/block_store.h"
+#include "storage/versioned_event.h"
+#include "support/queue.h"
+#include "upload/upload_client.h"
+#include "verdalune/logger.h"
+
+namespace verdalune::sessionreplay {
+
+// What the serializer writes its events through.
+class StorageCoordinatorProtocol {
+ public:
+  virtual ~StorageCoordinatorProtocol() = default;
+  virtual void write(rrweb::Event event, std::string deviceId, std::int64_t sessionId) = 0;
+  virtual void flush() = 0;
+};
+
+enum class StorageCoordinatorError { couldNotPackEvent };
+
+// Packs events into numbered blocks of a block store and hands each closed block to the uploader,
+// removing it once it is delivered. A block closes when the next record would take it past
+// kMaxBlockBytes, kBlockLifetime after it opened, when the device or session changes, and on flush.
+//
+// Blocks are never forgotten: uploadStoredBlocks() offers every closed block in the store (those of
+// earlier runs too) in order of device, session and sequence number; it runs when the coordinator
+// starts and whenever the network comes back, and a block is never in two uploads at once.
+//
+// Every entry point queues its work on `queue` ("com.verdalune.sessionreplay.storage") and returns at
+// once; all state below is touched on that queue only.
+template <BlockStore Store>
+class StorageCoordinator final : public StorageCoordinatorProtocol,
+                                 public std::enable_shared_from_this<StorageCoordinator<Store>> {
+ public:
+  static constexpr std::size_t kMaxBlockBytes = 8'000'000;
+  static constexpr std::chrono::milliseconds kBlockLifetime{60'000};
+
+  [[nodiscard]] static std::shared_ptr<StorageCoordinator> make(std::shared_ptr<Store> storage,
+                                                                std::shared_ptr<BlockUploader> uploadClient,
+                                                                std::shared_ptr<Logger> logger, BlockState blockState,
+                                                                std::shared_ptr<Queue> queue) {
+    std::shared_ptr<StorageCoordinator> coordinator(new StorageCoordinator(
+        std::move(storage), std::move(uploadClient), std::move(logger), std::move(blockState), std::move(queue)));
+    std::weak_ptr<StorageCoordinator> weak = coordinator;
+    coordinator->uploadClient_->onConnectivityRestored([weak] {
+      if (const auto coordinator = weak.lock()) coordinator->uploadStoredBlocks();
+    });
+    coordinator->uploadStoredBlocks();
+    return coordinator;
+  }
+
+  void write(rrweb::Event event, std::string deviceId, std::int64_t sessionId) override {
+    run([event = std::move(event), deviceId = std::move(deviceId), sessionId](StorageCoordinator& self) {
+      (void)self.writeNow(event, deviceId, sessionId);
+    });
+  }
+
+  void flush() override {
+    run([](StorageCoordinator& self) { (void)self.closeActiveStream(true); });
+  }
+
+  void uploadStoredBlocks() {
+    run([](StorageCoordinator& self) { self.offerStoredBlocks(); });
+  }
+
+ private:
+  using Block = typename Store::Block;
+
+  StorageCoordinator(std::shared_ptr<Store> storage, std::shared_ptr<BlockUploader> uploadClient,
+                     std::shared_ptr<Logger> logger, BlockState blockState, std::shared_ptr<Queue> queue)
+      : storage_(std::move(storage)),
+        uploadClient_(std::move(uploadClient)),
+        logger_(std::move(logger)),
+        blockState_(std::move(blockState)),
+        queue_(std::move(queue)) {}
+
+  template <typename Work>
+  void run(Work work) {
+    queue_->async([weak = this->weak_from_this(), work = std::move(work)]() mutable {
+      if (const auto self = weak.lock()) work(*self);
+    });
+  }
+
+  StorageResult<void> writeNow(const rrweb::Event& event, const std::string& deviceId, std::int64_t sessionId) {
+    const auto packed = packer_.pack(event);
+    if (!packed) {
+      logger_->error("[StorageCoordinator] Unable to pack event");
+      return std::unexpected(std::error_code(static_cast<int>(StorageCoordinatorError::couldNotPackEvent),
+                                             std::generic_category()));
+    }
+    record_.assign(*packed);
+    record_.push_back('\n');
+
+    const bool sameRecording =
+        blockState_.currentDeviceId() == deviceId && blockState_.currentSessionId() == sessionId;
+    if (!sameRecording || !activeStream_ || activeBytes_ + record_.size() >= kMaxBlockBytes + 1) {
+      if (!sameRecording) {
+        blockState_.setCurrentDeviceId(deviceId);
+        blockState_.setCurrentSessionId(sessionId);
+        blockState_.clearSequenceNumber();
+      }
+      if (auto closed = closeActiveStream(true); !closed) return closed;
+      if (auto opened = openBlock(deviceId, sessionId); !opened) return opened;
+    }
+
+    const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(record_.data()), record_.size());
+    if (auto written = activeStream_->write(bytes); !written) {
+      logger_->error("[StorageCoordinator] Could not write to output stream: " + written.error().message());
+      (void)closeActiveStream(true);
+      return written;
+    }
+    activeBytes_ += record_.size();
+    return {};
+  }
+
+  StorageResult<void> openBlock(const std::string& deviceId, std::int64_t sessionId) {
+    const BlockIdentity identity{deviceId, sessionId, blockState_.nextSequenceNumber()};
+    auto block = storage_->create(identity);
+    auto stream = block ? storage_->openOutputStream(*block) : std::unexpected(block.error());
+    if (!stream) {
+      logger_->error("[StorageCoordinator] Could not create output stream: " + stream.error().message());
+      return std::unexpected(stream.error());
+    }
+    activeBlock_ = std::move(*block);
+    activeStream_.emplace(std::move(*stream));
+    activeBytes_ = 0;
+    timedFlush_ = queue_->asyncAfter(kBlockLifetime, [weak = this->weak_from_this()] {
+      if (const auto self = weak.lock()) (void)self->closeActiveStream(true);
+    });
+    return {};
+  }
+
+  StorageResult<void> closeActiveStream(bool upload) {
+    if (!activeBlock_ || !activeStream_) return {};
+    if (auto closed = activeStream_->close(); !closed) {
+      logger_->error("[StorageCoordinator] Could not close active output stream: " + closed.error().message());
+      return closed;
+    }
+    if (timedFlush_) timedFlush_->cancel();
+    timedFlush_.reset();
+    Block block = std::move(*activeBlock_);
+    activeBlock_.reset();
+    activeStream_.reset();
+    activeBytes_ = 0;
+    if (upload) uploadBlock(block);
+    return {};
+  }
+
+  void offerStoredBlocks() {
+    auto blocks = storage_->blocks();
+    if (!blocks) {
+      logger_->error("[StorageCoordinator] Unable to list blocks: " + blocks.error().message());
+      return;
+    }
+    std::vector<std::pair<BlockIdentity, Block>> ordered;
+    for (auto& block : *blocks) {
+      if (activeBlock_ && block == *activeBlock_) continue;
+      auto identity = storage_->identity(block);
+      if (!identity) {
+        uploadBlock(block);  // removes it, with the log line
+        continue;
+      }
+      ordered.emplace_back(std::move(*identity), std::move(block));
+    }
+    std::ranges::sort(ordered, [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [identity, block] : ordered) uploadBlock(block);
+  }
+
+  void uploadBlock(const Block& block) {
+    const std::string name = storage_->describe(block);
+    auto identity = storage_->identity(block);
+    if (!identity) {
+      logger_->error("[StorageCoordinator] Unable to retrieve info for block " + name + ", removing");
+      if (auto removed = storage_->remove(block); !removed) {
+        logger_->error("[StorageCoordinator] Unable to remove block " + name + ": " + removed.error().message());
+      }
+      return;
+    }
+    if (!inFlight_.insert(*identity).second) return;  // already on its way
+
+    std::weak_ptr<Store> weakStorage = storage_;
+    EventFetcher fetcher = [weakStorage, block]() -> std::expected<std::vector<std::string>, std::error_code> {
+      const auto storage = weakStorage.lock();
+      if (!storage) return std::unexpected(make_error_code(StorageError::deallocated));
+      auto bytes = storage->read(block);
+      if (!bytes) return std::unexpected(bytes.error());
+      return packedEventsFromBlock(*bytes);
+    };
+    ResponseHandler handler = [weak = this->weak_from_this(), block, identity = *identity,
+                               name](std::optional<UploadFailure> failure) {
+      const auto self = weak.lock();
+      if (!self) return;
+      self->queue_->async([weak, block, identity, name, failure = std::move(failure)] {
+        if (const auto self = weak.lock()) self->uploaded(block, identity, name, failure);
+      });
+    };
+    uploadClient_->upload(identity->deviceId, identity->sessionId, identity->sequenceNumber, std::move(fetcher),
+                          std::move(handler));
+  }
+
+  void uploaded(const Block& block, const BlockIdentity& identity, const std::string& name,
+                const std::optional<UploadFailure>& failure) {
+    inFlight_.erase(identity);
+    if (failure) {
+      logger_->error("[StorageCoordinator] Failed to upload block " + name + ": " + describe(*failure));
+      return;
+    }
+    logger_->log("[StorageCoordinator] Successfully uploaded block " + name);
+    if (auto removed = storage_->remove(block); !removed) {
+      logger_->error("[StorageCoordinator] Failed to clean up block " + name + ": " + removed.error().message());
+    }
+  }
+
+  const std::shared_ptr<Store> storage_;
+  const std::shared_ptr<BlockUploader> uploadClient_;
+  const std::shared_ptr<Logger> logger_;
+  BlockState blockState_;
+  const std::shared_ptr<Queue> queue_;
+  EventPacker packer_;
+  std::string record_;
+  std::optional<Block> activeBlock_;
+  std::optional<typename Store::OutputStream> activeStream_;
+  std::size_t activeBytes_ = 0;
+  std::shared_ptr<DelayedWork> timedFlush_;
+  std::set<BlockIdentity> inFlight_;
+};
+
+}  // namespace verdalune::sessionreplay
