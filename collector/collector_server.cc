@@ -1,0 +1,498 @@
+#include "collector_server.h"
+
+#include <netdb.h>
+#include <rapidjson/document.h>
+#include <sys/socket.h>
+
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <thread>
+
+#include "rrweb/coding.h"
+#include "support/json_writer.h"
+#include "track_body.h"
+
+namespace verdalune::sessionreplay::collector {
+namespace {
+
+using httplib::Request;
+using httplib::Response;
+
+constexpr const char* kTrackPath = "/sessions/v2/track";
+constexpr const char* kConfigPath = "/config";
+// The status written to the log for a dropped connection; the client never sees it.
+constexpr int kDroppedStatus = 444;
+// Generous, so that connections a client keeps alive and delayed requests never queue behind each other.
+constexpr std::size_t kWorkerThreads = 32;
+
+// When the request being handled on this worker thread started, for the log line.
+thread_local std::optional<std::chrono::steady_clock::time_point> requestStart;
+
+void answerText(Response& response, int status, std::string_view line) {
+  response.status = status;
+  response.set_content(std::string(line) + "\n", "text/plain");
+}
+
+void answerJson(Response& response, int status, std::string json) {
+  response.status = status;
+  response.set_content(std::move(json), "application/json");
+}
+
+// Builds one JSON document with the library's writer.
+template <typename Write>
+std::string json(Write&& write) {
+  std::string out;
+  JsonWriter writer(out);
+  write(writer);
+  return out;
+}
+
+std::string_view rawQuery(const Request& request) {
+  const auto question = request.target.find('?');
+  return question == std::string::npos ? std::string_view()
+                                       : std::string_view(request.target).substr(question + 1);
+}
+
+using QueryItems = std::vector<std::pair<std::string, std::string>>;
+
+// Query items in order, percent-decoded. '+' stays '+': the clients encode query items the way URL
+// components do, which leaves '+' alone, so reading it as a space would change a device id.
+QueryItems parseQuery(std::string_view query) {
+  QueryItems items;
+  while (!query.empty()) {
+    const auto amp = query.find('&');
+    const std::string_view item = query.substr(0, amp);
+    query = amp == std::string_view::npos ? std::string_view() : query.substr(amp + 1);
+    if (item.empty()) continue;
+    const auto equals = item.find('=');
+    const auto name = item.substr(0, equals);
+    const auto value = equals == std::string_view::npos ? std::string_view() : item.substr(equals + 1);
+    items.emplace_back(httplib::detail::decode_url(std::string(name), false),
+                       httplib::detail::decode_url(std::string(value), false));
+  }
+  return items;
+}
+
+// The one value of `name`; absent when not given, an error when given twice.
+std::expected<std::optional<std::string>, std::string> single(const QueryItems& items,
+                                                              std::string_view name) {
+  std::optional<std::string> found;
+  for (const auto& [key, value] : items) {
+    if (key != name) continue;
+    if (found) return std::unexpected(std::string(name) + " is given twice");
+    found = value;
+  }
+  return found;
+}
+
+std::expected<std::int64_t, std::string> parseInt64(std::string_view text, std::string_view name) {
+  std::int64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || error != std::errc{} || end != text.data() + text.size())
+    return std::unexpected(std::string(name) + " is not a decimal 64-bit integer");
+  return value;
+}
+
+std::expected<std::string, std::string> required(const QueryItems& items, std::string_view name) {
+  auto value = single(items, name);
+  if (!value) return std::unexpected(value.error());
+  if (!*value) return std::unexpected("missing " + std::string(name));
+  return std::move(**value);
+}
+
+std::expected<BlockKey, std::string> blockKeyOf(const QueryItems& query, std::string apiKey) {
+  auto deviceId = required(query, "device_id");
+  if (!deviceId) return std::unexpected(deviceId.error());
+  if (deviceId->empty()) return std::unexpected("device_id is empty");
+  auto sessionText = required(query, "session_id");
+  if (!sessionText) return std::unexpected(sessionText.error());
+  auto sessionId = parseInt64(*sessionText, "session_id");
+  if (!sessionId) return std::unexpected(sessionId.error());
+  auto sequenceText = required(query, "seq_number");
+  if (!sequenceText) return std::unexpected(sequenceText.error());
+  auto sequenceNumber = parseInt64(*sequenceText, "seq_number");
+  if (!sequenceNumber) return std::unexpected(sequenceNumber.error());
+  auto translation = required(query, "mobile_translation");
+  if (!translation) return std::unexpected(translation.error());
+  if (*translation != "true" && *translation != "false")
+    return std::unexpected("mobile_translation is neither true nor false");
+  return BlockKey{std::move(apiKey), std::move(*deviceId), *sessionId, *sequenceNumber};
+}
+
+std::optional<std::string> bearerKey(const Request& request) {
+  const std::string value = request.get_header_value("Authorization");
+  constexpr std::string_view scheme = "bearer ";
+  if (value.size() <= scheme.size()) return std::nullopt;
+  for (std::size_t i = 0; i < scheme.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(value[i])) != scheme[i]) return std::nullopt;
+  }
+  return value.substr(scheme.size());
+}
+
+bool isJsonContentType(std::string_view contentType) {
+  const std::string_view mediaType = contentType.substr(0, contentType.find(';'));
+  return mediaType == "application/json";
+}
+
+struct Endpoint {
+  std::string address;
+  int port = 0;
+};
+
+std::optional<Endpoint> endpointOf(const sockaddr_storage& address, socklen_t length) {
+  char host[NI_MAXHOST];
+  char service[NI_MAXSERV];
+  if (getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, host, sizeof host, service,
+                  sizeof service, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+    return std::nullopt;
+  }
+  return Endpoint{host, std::atoi(service)};
+}
+
+// Shuts down this process's TCP connections whose local port is `localPort` and whose peer is `peer`
+// (every peer when absent). The HTTP library keeps its sockets to itself, so they are found among the
+// process's open descriptors; the library closes them once its next read or write fails.
+void shutDownConnections(int localPort, const std::optional<Endpoint>& peer) {
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+    int descriptor = -1;
+    const std::string name = entry.path().filename().string();
+    if (std::from_chars(name.data(), name.data() + name.size(), descriptor).ec != std::errc{}) continue;
+
+    sockaddr_storage local{};
+    sockaddr_storage remote{};
+    socklen_t localLength = sizeof local;
+    socklen_t remoteLength = sizeof remote;
+    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&local), &localLength) != 0 ||
+        getpeername(descriptor, reinterpret_cast<sockaddr*>(&remote), &remoteLength) != 0) {
+      continue;  // not a socket, or the listening one
+    }
+    const auto localEnd = endpointOf(local, localLength);
+    const auto remoteEnd = endpointOf(remote, remoteLength);
+    if (!localEnd || !remoteEnd || localEnd->port != localPort) continue;
+    if (peer && (remoteEnd->port != peer->port || remoteEnd->address != peer->address)) continue;
+    shutdown(descriptor, SHUT_RDWR);
+  }
+}
+
+bool isLoopback(std::string_view address) {
+  return address == "::1" || address.starts_with("127.") || address.starts_with("::ffff:127.");
+}
+
+// Headers the HTTP library adds to every request it parses; no client sent them.
+bool addedByServer(std::string_view name) {
+  return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT";
+}
+
+std::expected<Fault, std::string> faultOf(const rapidjson::Value& value) {
+  if (!value.IsObject()) return std::unexpected("each fault is an object");
+  Fault fault;
+  for (const auto& member : value.GetObject()) {
+    const std::string_view name(member.name.GetString(), member.name.GetStringLength());
+    if (name == "status" && member.value.IsInt() && member.value.GetInt() >= 100 &&
+        member.value.GetInt() <= 599) {
+      fault.status = member.value.GetInt();
+    } else if (name == "delay_ms" && member.value.IsInt() && member.value.GetInt() >= 0) {
+      fault.delayMs = member.value.GetInt();
+    } else if (name == "drop" && member.value.IsBool()) {
+      fault.drop = member.value.GetBool();
+    } else {
+      return std::unexpected("bad fault member \"" + std::string(name) +
+                             "\" (status 100-599, delay_ms >= 0, drop true/false)");
+    }
+  }
+  return fault;
+}
+
+// One member of an object, key then value.
+void member(JsonWriter& writer, std::string_view name, std::string_view value) {
+  writer.plainKey(name);
+  writer.string(value);
+}
+void member(JsonWriter& writer, std::string_view name, std::int64_t value) {
+  writer.plainKey(name);
+  writer.integer(value);
+}
+void member(JsonWriter& writer, std::string_view name, const std::optional<std::int64_t>& value) {
+  writer.plainKey(name);
+  value ? writer.integer(*value) : writer.null();
+}
+
+std::string describeRequests(const std::vector<RecordedRequest>& requests) {
+  return json([&](JsonWriter& writer) {
+    writer.beginArray();
+    for (const auto& request : requests) {
+      writer.beginObject();
+      member(writer, "method", request.method);
+      member(writer, "path", request.path);
+      member(writer, "query", request.query);
+      writer.plainKey("headers");
+      writer.beginArray();
+      for (const auto& [name, value] : request.headers) {
+        writer.beginArray();
+        writer.string(name);
+        writer.string(value);
+        writer.endArray();
+      }
+      writer.endArray();
+      member(writer, "body", request.body);
+      member(writer, "status", request.status);
+      writer.endObject();
+    }
+    writer.endArray();
+  });
+}
+
+std::string describeSessions(const std::vector<SessionSummary>& sessions) {
+  return json([&](JsonWriter& writer) {
+    writer.beginArray();
+    for (const auto& session : sessions) {
+      writer.beginObject();
+      member(writer, "api_key", session.apiKey);
+      member(writer, "block_count", session.blockCount);
+      member(writer, "device_id", session.deviceId);
+      member(writer, "event_count", session.eventCount);
+      member(writer, "first_timestamp", session.firstTimestamp);
+      member(writer, "last_timestamp", session.lastTimestamp);
+      member(writer, "session_id", session.sessionId);
+      writer.endObject();
+    }
+    writer.endArray();
+  });
+}
+
+}  // namespace
+
+CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& database, LogLine log)
+    : settings_(std::move(settings)), database_(database), log_(std::move(log)) {
+  http_.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
+  http_.set_payload_max_length(settings_.maxBodyBytes);
+
+  http_.Post(kTrackPath, [this](const Request& request, Response& response) {
+    serveRecorded(request, response, &CollectorServer::handleTrack);
+  });
+  http_.Get(kConfigPath, [this](const Request& request, Response& response) {
+    serveRecorded(request, response, &CollectorServer::handleConfig);
+  });
+  http_.Get("/sessions", [this](const Request&, Response& response) { handleSessions(response); });
+  // The device id is everything between "/sessions/" and the session id, slashes included: the path
+  // arrives percent-decoded, so an encoded slash in a device id is a plain one here.
+  http_.Get(R"(/sessions/(.+)/(-?[0-9]+)/events)",
+            [this](const Request& request, Response& response) { handleSessionEvents(request, response); });
+
+  http_.Post("/_control/faults",
+             local([this](const Request& request, Response& response) { handleFaults(request, response); }));
+  http_.Get("/_control/requests",
+            local([this](const Request&, Response& response) { handleRequests(response); }));
+  http_.Post("/_control/reset", local([this](const Request&, Response& response) {
+               {
+                 std::lock_guard lock(mutex_);
+                 requests_.clear();
+                 faults_.clear();
+                 ++resets_;
+               }
+               answerJson(response, 200, "{}");
+             }));
+
+  http_.set_pre_routing_handler([](const Request&, Response&) {
+    requestStart = std::chrono::steady_clock::now();
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
+  // Answers the library's own refusals (a body over the limit, an unknown path) with a reason line too.
+  // An upload refused for its size is recorded here, since no handler sees it.
+  http_.set_error_handler(
+      httplib::Server::HandlerWithResponse([this](const Request& request, Response& response) {
+        if (!response.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        if (response.status == 413) {
+          answerText(response, 413, "body larger than " + std::to_string(settings_.maxBodyBytes) + " bytes");
+          if (request.path == kTrackPath || request.path == kConfigPath) record(request, 413);
+        } else if (response.status == 404) {
+          answerText(response, 404, "no such endpoint: " + request.method + " " + request.path);
+        } else {
+          answerText(response, response.status, "request failed");
+        }
+        return httplib::Server::HandlerResponse::Handled;
+      }));
+  http_.set_logger([this](const Request& request, const Response& response) {
+    char duration[32] = "-";
+    if (requestStart) {
+      const std::chrono::duration<double, std::milli> elapsed =
+          std::chrono::steady_clock::now() - *requestStart;
+      std::snprintf(duration, sizeof duration, "%.1f ms", elapsed.count());
+      requestStart.reset();
+    }
+    // A refused body was never read; its announced length is what the client tried to send.
+    const auto received = request.body.empty() ? request.get_header_value<std::uint64_t>("Content-Length")
+                                               : request.body.size();
+    log_(request.method + " " + request.path + " " + std::to_string(response.status) + " " +
+         std::to_string(received) + " bytes in, " + std::to_string(response.body.size()) + " out, " +
+         duration);
+  });
+}
+
+std::expected<int, std::string> CollectorServer::bind(const std::string& host, int port) {
+  const int bound = port == 0 ? http_.bind_to_any_port(host) : (http_.bind_to_port(host, port) ? port : -1);
+  if (bound <= 0) return std::unexpected("cannot listen on " + host + ":" + std::to_string(port));
+  port_ = bound;
+  return bound;
+}
+
+bool CollectorServer::run() {
+  return http_.listen_after_bind();
+}
+
+void CollectorServer::stop() {
+  http_.stop();
+  shutDownConnections(port_, std::nullopt);
+}
+
+httplib::Server::Handler CollectorServer::local(std::function<void(const Request&, Response&)> handle) {
+  return [handle = std::move(handle)](const Request& request, Response& response) {
+    if (!isLoopback(request.remote_addr) && request.remote_addr != request.local_addr)
+      return answerText(response, 403, "test controls answer only clients on this host");
+    handle(request, response);
+  };
+}
+
+std::size_t CollectorServer::record(const Request& request, int status) {
+  RecordedRequest recorded{.method = request.method,
+                           .path = request.path,
+                           .query = std::string(rawQuery(request)),
+                           .headers = {},
+                           .body = request.body,
+                           .status = status};
+  for (const auto& [name, value] : request.headers) {
+    if (!addedByServer(name)) recorded.headers.emplace_back(name, value);
+  }
+  std::lock_guard lock(mutex_);
+  requests_.push_back(std::move(recorded));
+  return requests_.size() - 1;
+}
+
+void CollectorServer::serveRecorded(const Request& request, Response& response,
+                                    void (CollectorServer::*handle)(const Request&, Response&)) {
+  const std::size_t index = record(request, 0);
+  Fault fault;
+  std::uint64_t resets = 0;
+  {
+    std::lock_guard lock(mutex_);
+    resets = resets_;
+    if (!faults_.empty()) {
+      fault = faults_.front();
+      faults_.pop_front();
+    }
+  }
+
+  if (fault.delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(fault.delayMs));
+  if (fault.drop) {
+    // The recorded status stays 0: the client gets no answer at all.
+    shutDownConnections(request.local_port, Endpoint{request.remote_addr, request.remote_port});
+    return answerText(response, kDroppedStatus, "connection dropped");
+  }
+  if (fault.status != 0) {
+    answerText(response, fault.status, "injected fault: status " + std::to_string(fault.status));
+  } else {
+    (this->*handle)(request, response);
+  }
+
+  std::lock_guard lock(mutex_);
+  // A reset in the meantime took this request's record away.
+  if (resets == resets_) requests_[index].status = response.status;
+}
+
+void CollectorServer::handleTrack(const Request& request, Response& response) {
+  const auto apiKey = bearerKey(request);
+  if (!apiKey) return answerText(response, 401, "missing \"Authorization: Bearer KEY\"");
+  if (!settings_.apiKeys.contains(*apiKey)) return answerText(response, 401, "unknown api key");
+  auto key = blockKeyOf(parseQuery(rawQuery(request)), *apiKey);
+  if (!key) return answerText(response, 400, key.error());
+  if (!isJsonContentType(request.get_header_value("Content-Type")))
+    return answerText(response, 400, "Content-Type must be application/json");
+  const auto events = decodeTrackBody(request.body);
+  if (!events) return answerText(response, 400, events.error());
+
+  const auto stored = database_.storeBlock(*key, *events);
+  if (!stored) return answerText(response, 500, "cannot store the block: " + stored.error());
+  // "stored" is false for a block that was here already.
+  answerJson(response, 200,
+             R"({"events":)" + std::to_string(events->size()) + R"(,"stored":)" +
+                 (*stored ? "true" : "false") + "}");
+}
+
+void CollectorServer::handleConfig(const Request& request, Response& response) {
+  const auto apiKey = single(parseQuery(rawQuery(request)), "api_key");
+  if (!apiKey) return answerText(response, 400, apiKey.error());
+  if (!*apiKey) return answerText(response, 401, "missing api_key");
+  if (!settings_.apiKeys.contains(**apiKey)) return answerText(response, 401, "unknown api key");
+  const auto config = settings_.configs.find(**apiKey);
+  answerJson(response, 200, config != settings_.configs.end() ? config->second : R"({"configs":{}})");
+}
+
+void CollectorServer::handleSessions(Response& response) {
+  const auto sessions = database_.sessions();
+  if (!sessions) return answerText(response, 500, "cannot read sessions: " + sessions.error());
+  answerJson(response, 200, describeSessions(*sessions));
+}
+
+void CollectorServer::handleSessionEvents(const Request& request, Response& response) {
+  const std::string deviceId = request.matches[1];
+  const auto sessionId = parseInt64(request.matches[2].str(), "the session id");
+  if (!sessionId) return answerText(response, 400, sessionId.error());
+  const auto query = parseQuery(rawQuery(request));
+  const auto wantedKey = single(query, "api_key");
+  if (!wantedKey) return answerText(response, 400, wantedKey.error());
+  const auto form = single(query, "as");
+  if (!form) return answerText(response, 400, form.error());
+  const bool asText = *form == "text";
+
+  const auto keys = database_.apiKeysOfSession(deviceId, *sessionId);
+  if (!keys) return answerText(response, 500, "cannot read the session: " + keys.error());
+  if (*wantedKey ? std::find(keys->begin(), keys->end(), **wantedKey) == keys->end() : keys->empty())
+    return answerText(response, 404, "no such session");
+  if (!*wantedKey && keys->size() > 1)
+    return answerText(response, 400, "the session is stored under several api keys; name one with api_key");
+
+  const auto events = database_.events(wantedKey->value_or(keys->front()), deviceId, *sessionId);
+  if (!events) return answerText(response, 500, "cannot read the session: " + events.error());
+  answerJson(response, 200, json([&](JsonWriter& writer) {
+               writer.beginArray();
+               // The events as stored, byte for byte: as objects for a player, or as strings for
+               // tools that compare the stored text itself.
+               for (const auto& event : *events) asText ? writer.string(event) : writer.raw(event);
+               writer.endArray();
+             }));
+}
+
+void CollectorServer::handleFaults(const Request& request, Response& response) {
+  rapidjson::Document document;
+  if (auto parsed = rrweb::parseJson(request.body, document); !parsed)
+    return answerText(response, 400, parsed.error().description);
+  if (!document.IsArray()) return answerText(response, 400, "faults are a JSON array");
+  std::vector<Fault> faults;
+  for (const auto& element : document.GetArray()) {
+    auto fault = faultOf(element);
+    if (!fault) return answerText(response, 400, fault.error());
+    faults.push_back(*fault);
+  }
+  std::size_t pending = 0;
+  {
+    std::lock_guard lock(mutex_);
+    faults_.insert(faults_.end(), faults.begin(), faults.end());
+    pending = faults_.size();
+  }
+  answerJson(response, 200, R"({"pending":)" + std::to_string(pending) + "}");
+}
+
+void CollectorServer::handleRequests(Response& response) {
+  std::vector<RecordedRequest> requests;
+  {
+    std::lock_guard lock(mutex_);
+    requests = requests_;
+  }
+  answerJson(response, 200, describeRequests(requests));
+}
+
+}  // namespace verdalune::sessionreplay::collector

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <httplib.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <expected>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "session_database.h"
+
+namespace verdalune::sessionreplay::collector {
+
+struct ServerSettings {
+  std::set<std::string> apiKeys;
+  std::map<std::string, std::string> configs;  // api key -> remote configuration JSON, served as is
+  std::size_t maxBodyBytes = 20 * 1024 * 1024;
+};
+
+// What the next track or config request meets instead of (or before) normal handling.
+struct Fault {
+  int status = 0;     // answer with this status and a one-line body, storing nothing
+  int delayMs = 0;    // wait this long first
+  bool drop = false;  // close the connection without an answer
+};
+
+// A track or config request as it arrived, and the status it was answered with (0 while it is being
+// handled, and for a dropped connection).
+struct RecordedRequest {
+  std::string method;
+  std::string path;
+  std::string query;  // as received, still percent-encoded
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::string body;
+  int status = 0;
+};
+
+// The collection service: the track and config endpoints of the wire protocol, the session read-back
+// endpoints, and the test controls (faults, the request record, reset).
+//
+// bind() and run() are called from one thread; stop() from any thread, also while run() blocks. The
+// handlers run on the HTTP server's worker threads; requests_ and faults_ are guarded by mutex_.
+class CollectorServer {
+ public:
+  using LogLine = std::function<void(std::string_view line)>;
+
+  CollectorServer(ServerSettings settings, SessionDatabase& database, LogLine log);
+
+  // Binds the listening socket; the port bound (the system's pick when `port` is 0) or a reason.
+  [[nodiscard]] std::expected<int, std::string> bind(const std::string& host, int port);
+  // Serves until stop(). False if the server could not run.
+  bool run();
+  // Stops accepting, and ends the connections that are open, so that clients holding a connection
+  // open do not keep run() from returning.
+  void stop();
+
+ private:
+  void handleTrack(const httplib::Request& request, httplib::Response& response);
+  void handleConfig(const httplib::Request& request, httplib::Response& response);
+  void handleSessions(httplib::Response& response);
+  void handleSessionEvents(const httplib::Request& request, httplib::Response& response);
+  void handleFaults(const httplib::Request& request, httplib::Response& response);
+  void handleRequests(httplib::Response& response);
+
+  // Records the request, applies the next pending fault, then hands it to `handle` unless the fault
+  // answered it.
+  void serveRecorded(const httplib::Request& request, httplib::Response& response,
+                     void (CollectorServer::*handle)(const httplib::Request&, httplib::Response&));
+  std::size_t record(const httplib::Request& request, int status);
+
+  // Wraps a test-control handler so that it answers only clients on this host.
+  httplib::Server::Handler local(std::function<void(const httplib::Request&, httplib::Response&)> handle);
+
+  ServerSettings settings_;
+  SessionDatabase& database_;
+  LogLine log_;
+  httplib::Server http_;
+  int port_ = 0;
+
+  std::mutex mutex_;
+  std::vector<RecordedRequest> requests_;  // guarded by mutex_
+  std::deque<Fault> faults_;               // guarded by mutex_
+  std::uint64_t resets_ = 0;               // guarded by mutex_; tells a handler its record was cleared
+};
+
+}  // namespace verdalune::sessionreplay::collector

@@ -1,0 +1,106 @@
+#include "command_line.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <optional>
+#include <string_view>
+
+namespace verdalune::sessionreplay::collector {
+namespace {
+
+template <typename Number>
+std::optional<Number> parseNumber(std::string_view text, Number low, Number high) {
+  Number value{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc{} || end != text.data() + text.size() || value < low || value > high)
+    return std::nullopt;
+  return value;
+}
+
+}  // namespace
+
+std::string usage() {
+  return R"(usage: vdl-collector --api-key KEY [options]
+
+Receives session replay blocks, stores them in SQLite and serves them back.
+
+  --api-key KEY          accept uploads bearing this key (repeatable; at least one)
+  --config KEY=FILE      answer GET /config?api_key=KEY with the contents of FILE (repeatable);
+                         keys without one get {"configs":{}}
+  --port N               port to listen on; 0 (the default) picks a free one
+  --host ADDRESS         address to listen on (default 127.0.0.1)
+  --db PATH              SQLite file (default vdl-collector.sqlite3 in the working directory)
+  --max-body-bytes N     largest upload body accepted; larger ones get 413 (default 20971520)
+  --watch-stdin          stop when standard input reaches its end (ties the server to a parent process)
+  --help                 print this text
+
+Prints "listening on http://HOST:PORT" once it accepts connections, then one line per request.
+SIGINT and SIGTERM stop it.
+
+Endpoints:
+  POST /sessions/v2/track?device_id=&session_id=&seq_number=&mobile_translation=
+  GET  /config?api_key=KEY
+  GET  /sessions
+  GET  /sessions/DEVICE/SESSION/events[?api_key=KEY][&as=text]
+  POST /_control/faults   GET /_control/requests   POST /_control/reset   (from this host only)
+)";
+}
+
+std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseCommandLine(
+    std::span<const char* const> arguments) {
+  CommandLine line;
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    std::string_view option = arguments[i];
+    if (option == "--help" || option == "-h") return HelpRequested{};
+    if (option == "--watch-stdin") {
+      line.watchStdin = true;
+      continue;
+    }
+
+    std::optional<std::string_view> inlineValue;
+    if (const auto equals = option.find('='); option.starts_with("--") && equals != std::string_view::npos) {
+      inlineValue = option.substr(equals + 1);
+      option = option.substr(0, equals);
+    }
+    const auto value = [&]() -> std::expected<std::string_view, std::string> {
+      if (inlineValue) return *inlineValue;
+      if (i + 1 >= arguments.size()) return std::unexpected(std::string(option) + " needs a value");
+      return std::string_view(arguments[++i]);
+    }();
+    if (!value) return std::unexpected(value.error());
+
+    if (option == "--port") {
+      const auto port = parseNumber<int>(*value, 0, 65535);
+      if (!port) return std::unexpected("--port takes a number from 0 to 65535");
+      line.port = *port;
+    } else if (option == "--host") {
+      line.host = *value;
+    } else if (option == "--db") {
+      line.databasePath = *value;
+    } else if (option == "--api-key") {
+      if (value->empty()) return std::unexpected("--api-key must not be empty");
+      line.apiKeys.emplace_back(*value);
+    } else if (option == "--config") {
+      const auto equals = value->find('=');
+      if (equals == std::string_view::npos || equals == 0 || equals + 1 == value->size())
+        return std::unexpected("--config takes KEY=FILE");
+      line.configFiles[std::string(value->substr(0, equals))] = value->substr(equals + 1);
+    } else if (option == "--max-body-bytes") {
+      const auto bytes = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
+      if (!bytes) return std::unexpected("--max-body-bytes takes a positive number");
+      line.maxBodyBytes = *bytes;
+    } else {
+      return std::unexpected("unknown option " + std::string(option));
+    }
+  }
+
+  if (line.apiKeys.empty()) return std::unexpected("give at least one --api-key");
+  for (const auto& [key, file] : line.configFiles) {
+    if (std::find(line.apiKeys.begin(), line.apiKeys.end(), key) == line.apiKeys.end())
+      return std::unexpected("--config names " + key + ", which is not an --api-key");
+  }
+  return line;
+}
+
+}  // namespace verdalune::sessionreplay::collector

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <expected>
+#include <map>
+#include <span>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace verdalune::sessionreplay::collector {
+
+struct CommandLine {
+  std::string host = "127.0.0.1";
+  int port = 0;  // 0: the system picks a free port
+  std::string databasePath = "vdl-collector.sqlite3";
+  std::vector<std::string> apiKeys;
+  std::map<std::string, std::string> configFiles;  // api key -> remote configuration JSON file
+  std::size_t maxBodyBytes = 20 * 1024 * 1024;
+  bool watchStdin = false;
+};
+
+struct HelpRequested {};
+
+// The arguments after the program name. Each option takes its value as the next argument or after
+// '='. An error is a one-line reason.
+[[nodiscard]] std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseCommandLine(
+    std::span<const char* const> arguments);
+
+[[nodiscard]] std::string usage();
+
+}  // namespace verdalune::sessionreplay::collector

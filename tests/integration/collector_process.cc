@@ -1,0 +1,266 @@
+#include "integration/collector_process.h"
+
+#include <fcntl.h>
+#include <httplib.h>
+#include <rapidjson/document.h>
+#include <signal.h>
+#include <spawn.h>
+#include <strings.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <stdexcept>
+#include <thread>
+
+#include "support/files.h"
+#include "support/json_writer.h"
+
+extern char** environ;
+
+namespace verdalune::sessionreplay::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kStartTimeout = 10s;
+constexpr auto kStopTimeout = 10s;
+constexpr auto kPollInterval = 10ms;
+constexpr std::string_view kListening = "listening on http://127.0.0.1:";
+
+std::string readLog(const std::filesystem::path& folder) {
+  return readWholeFile(folder / "collector.log").value_or("");
+}
+
+// The port from the collector's first line once it is complete.
+std::optional<int> listeningPort(const std::string& log) {
+  if (!log.starts_with(kListening)) return std::nullopt;
+  const auto end = log.find('\n');
+  if (end == std::string::npos) return std::nullopt;
+  return std::atoi(log.c_str() + kListening.size());
+}
+
+// Reaps the child; false if it is still running after `timeout`.
+bool waitForExit(pid_t pid, int& status, std::chrono::steady_clock::duration timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(kPollInterval);
+  }
+  return true;
+}
+
+std::string describeWaitStatus(int status) {
+  if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
+  if (WIFSIGNALED(status)) return std::string("signal ") + strsignal(WTERMSIG(status));
+  return "wait status " + std::to_string(status);
+}
+
+void stopProcess(pid_t pid, int lifeline, const std::filesystem::path& folder) {
+  close(lifeline);
+  kill(pid, SIGTERM);
+  int status = 0;
+  if (!waitForExit(pid, status, kStopTimeout)) {
+    std::cerr << "vdl-collector did not stop on SIGTERM; killing it\n";
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+  } else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    std::cerr << "vdl-collector ended with " << describeWaitStatus(status) << "; its log:\n"
+              << readLog(folder);
+  }
+}
+
+std::string describeFailure(std::string_view what, const httplib::Result& result) {
+  std::string reason = "vdl-collector: " + std::string(what) + ": ";
+  if (!result) return reason + httplib::to_string(result.error());
+  return reason + "status " + std::to_string(result->status) + " " + result->body;
+}
+
+// A client for paths this file has encoded already.
+std::unique_ptr<httplib::Client> clientFor(int port) {
+  auto client = std::make_unique<httplib::Client>("127.0.0.1", port);
+  client->set_connection_timeout(5s);
+  client->set_read_timeout(10s);
+  client->set_url_encode(false);
+  return client;
+}
+
+// One control exchange with the collector; throws unless it answers 200.
+std::string exchange(int port, const std::string& method, const std::string& path,
+                     const std::string& body = "") {
+  const auto client = clientFor(port);
+  const auto result = method == "GET" ? client->Get(path) : client->Post(path, body, "application/json");
+  if (!result || result->status != 200)
+    throw std::runtime_error(describeFailure(method + " " + path, result));
+  return result->body;
+}
+
+rapidjson::Document parseArray(const std::string& json, std::string_view what) {
+  rapidjson::Document document;
+  document.Parse(json.data(), json.size());
+  if (document.HasParseError() || !document.IsArray())
+    throw std::runtime_error("vdl-collector: " + std::string(what) + " is not a JSON array: " + json);
+  return document;
+}
+
+std::string stringOf(const rapidjson::Value& value) {
+  return value.IsString() ? std::string(value.GetString(), value.GetStringLength()) : std::string();
+}
+
+}  // namespace
+
+std::optional<std::string> ReceivedRequest::header(std::string_view name) const {
+  for (const auto& [key, value] : headers) {
+    if (key.size() == name.size() && strncasecmp(key.data(), name.data(), name.size()) == 0) return value;
+  }
+  return std::nullopt;
+}
+
+std::unique_ptr<CollectorProcess> CollectorProcess::start() {
+  return start(Options{});
+}
+
+std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
+  std::string folderTemplate = (std::filesystem::temp_directory_path() / "vdl-collector-XXXXXX").string();
+  if (!mkdtemp(folderTemplate.data())) {
+    std::perror("vdl-collector: cannot make a temporary folder");
+    return nullptr;
+  }
+  const std::filesystem::path folder = folderTemplate;
+  auto giveUp = [&](const std::string& reason) -> std::unique_ptr<CollectorProcess> {
+    std::cerr << "vdl-collector: " << reason << "\n";
+    std::filesystem::remove_all(folder);
+    return nullptr;
+  };
+
+  std::vector<std::string> arguments{
+      VDL_COLLECTOR_PATH, "--port", "0", "--db", (folder / "sessions.sqlite3").string(), "--watch-stdin"};
+  for (const auto& key : options.apiKeys) arguments.insert(arguments.end(), {"--api-key", key});
+  for (const auto& [key, json] : options.configs) {
+    const auto file = folder / ("config-" + std::to_string(arguments.size()) + ".json");
+    std::ofstream(file, std::ios::binary) << json;
+    arguments.insert(arguments.end(), {"--config", key + "=" + file.string()});
+  }
+  if (options.maxBodyBytes)
+    arguments.insert(arguments.end(), {"--max-body-bytes", std::to_string(*options.maxBodyBytes)});
+
+  // The collector reads its standard input until it ends; the write end stays here (and only here:
+  // close-on-exec), so the collector stops when this process ends, however it ends.
+  int lifeline[2];
+  if (pipe2(lifeline, O_CLOEXEC) != 0) return giveUp("cannot make a pipe");
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, lifeline[0], STDIN_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, (folder / "collector.log").c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  std::vector<char*> argv;
+  for (auto& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(lifeline[0]);
+  if (spawned != 0) {
+    close(lifeline[1]);
+    return giveUp(std::string("cannot start ") + VDL_COLLECTOR_PATH + ": " + std::strerror(spawned));
+  }
+
+  const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
+  while (true) {
+    const std::string log = readLog(folder);
+    if (const auto port = listeningPort(log)) {
+      return std::unique_ptr<CollectorProcess>(new CollectorProcess(pid, lifeline[1], folder, *port));
+    }
+    int status = 0;
+    if (waitpid(pid, &status, WNOHANG) == pid) {
+      close(lifeline[1]);
+      return giveUp("ended with " + describeWaitStatus(status) + " before listening; its log:\n" + log);
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      stopProcess(pid, lifeline[1], folder);
+      return giveUp("did not start listening in time; its log:\n" + log);
+    }
+    std::this_thread::sleep_for(kPollInterval);
+  }
+}
+
+CollectorProcess::~CollectorProcess() {
+  stopProcess(pid_, lifeline_, folder_);
+  std::error_code ignored;
+  std::filesystem::remove_all(folder_, ignored);
+}
+
+std::string CollectorProcess::baseUrl() const {
+  return "http://127.0.0.1:" + std::to_string(port_);
+}
+std::string CollectorProcess::trackUrl() const {
+  return baseUrl() + "/sessions/v2/track";
+}
+std::string CollectorProcess::configUrl() const {
+  return baseUrl() + "/config";
+}
+
+void CollectorProcess::injectFaults(const std::vector<Fault>& faults) {
+  // Only the members a fault sets: the collector takes a missing member as "none", and refuses status 0.
+  std::string json;
+  JsonWriter writer(json);
+  writer.beginArray();
+  for (const auto& fault : faults) {
+    writer.beginObject();
+    if (fault.delayMs != 0) {
+      writer.plainKey("delay_ms");
+      writer.integer(fault.delayMs);
+    }
+    if (fault.drop) {
+      writer.plainKey("drop");
+      writer.boolean(true);
+    }
+    if (fault.status != 0) {
+      writer.plainKey("status");
+      writer.integer(fault.status);
+    }
+    writer.endObject();
+  }
+  writer.endArray();
+  exchange(port_, "POST", "/_control/faults", json);
+}
+
+std::vector<ReceivedRequest> CollectorProcess::requests() const {
+  const auto document = parseArray(exchange(port_, "GET", "/_control/requests"), "the request record");
+  std::vector<ReceivedRequest> requests;
+  for (const auto& entry : document.GetArray()) {
+    ReceivedRequest request;
+    request.method = stringOf(entry["method"]);
+    request.path = stringOf(entry["path"]);
+    request.query = stringOf(entry["query"]);
+    for (const auto& header : entry["headers"].GetArray())
+      request.headers.emplace_back(stringOf(header[0]), stringOf(header[1]));
+    request.body = stringOf(entry["body"]);
+    request.status = entry["status"].GetInt();
+    requests.push_back(std::move(request));
+  }
+  return requests;
+}
+
+void CollectorProcess::reset() {
+  exchange(port_, "POST", "/_control/reset");
+}
+
+std::vector<std::string> CollectorProcess::sessionEvents(const std::string& deviceId,
+                                                         std::int64_t sessionId) const {
+  const std::string path = "/sessions/" + httplib::detail::encode_query_param(deviceId) + "/" +
+                           std::to_string(sessionId) + "/events?as=text";
+  const auto result = clientFor(port_)->Get(path);
+  if (result && result->status == 404) return {};
+  if (!result || result->status != 200) throw std::runtime_error(describeFailure("GET " + path, result));
+  const auto document = parseArray(result->body, "the session's events");
+  std::vector<std::string> events;
+  for (const auto& event : document.GetArray()) events.push_back(stringOf(event));
+  return events;
+}
+
+}  // namespace verdalune::sessionreplay::testing
