@@ -62,22 +62,38 @@ bool isRetryable(const HttpFailure& failure) {
 
 std::string_view describe(HttpError error) {
   switch (error) {
-    case HttpError::invalidURL: return "invalidURL";
-    case HttpError::couldNotEncodeData: return "couldNotEncodeData";
-    case HttpError::noMoreRetries: return "noMoreRetries";
-    case HttpError::offline: return "offline";
-    case HttpError::unknown: return "unknown";
-    case HttpError::sslError: return "sslError";
-    case HttpError::dnsError: return "dnsError";
-    case HttpError::connectionFailed: return "connectionFailed";
-    case HttpError::cancelled: return "cancelled";
-    case HttpError::rateLimited: return "rateLimited";
-    case HttpError::payloadTooLarge: return "payloadTooLarge";
-    case HttpError::timeout: return "timeout";
-    case HttpError::invalidRequest: return "invalidRequest";
-    case HttpError::requestFailed: return "requestFailed";
-    case HttpError::quotaExceeded: return "quotaExceeded";
-    case HttpError::invalidResponse: return "invalidResponse";
+    case HttpError::invalidURL:
+      return "invalidURL";
+    case HttpError::couldNotEncodeData:
+      return "couldNotEncodeData";
+    case HttpError::noMoreRetries:
+      return "noMoreRetries";
+    case HttpError::offline:
+      return "offline";
+    case HttpError::unknown:
+      return "unknown";
+    case HttpError::sslError:
+      return "sslError";
+    case HttpError::dnsError:
+      return "dnsError";
+    case HttpError::connectionFailed:
+      return "connectionFailed";
+    case HttpError::cancelled:
+      return "cancelled";
+    case HttpError::rateLimited:
+      return "rateLimited";
+    case HttpError::payloadTooLarge:
+      return "payloadTooLarge";
+    case HttpError::timeout:
+      return "timeout";
+    case HttpError::invalidRequest:
+      return "invalidRequest";
+    case HttpError::requestFailed:
+      return "requestFailed";
+    case HttpError::quotaExceeded:
+      return "quotaExceeded";
+    case HttpError::invalidResponse:
+      return "invalidResponse";
   }
   return "unknown";
 }

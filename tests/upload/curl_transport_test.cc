@@ -1,0 +1,384 @@
+#include "upload/curl_transport.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace verdalune::sessionreplay {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::HttpCompletion;
+using platform::HttpRequest;
+
+// Every wait is bounded by this; none is expected to come near it.
+constexpr auto kPatience = 10s;
+
+// A request sent; a second call of its completion would throw on the lane and end the test run.
+struct Sent {
+  std::shared_ptr<platform::HttpTask> task;
+  std::future<HttpCompletion> outcome;
+
+  HttpCompletion await() {
+    if (outcome.wait_for(kPatience) == std::future_status::ready) return outcome.get();
+    ADD_FAILURE() << "no completion";
+    return {};
+  }
+  int errorCode() {
+    const auto completion = await();
+    EXPECT_FALSE(completion.response || completion.data);
+    return completion.error ? completion.error->code : 0;
+  }
+};
+
+Sent send(CurlTransport& transport, std::string url, std::string method = "GET", std::string body = {},
+          std::vector<std::pair<std::string, std::string>> headers = {}) {
+  auto promise = std::make_shared<std::promise<HttpCompletion>>();
+  auto outcome = promise->get_future();
+  // "/slow" is the path that answers too late for its short timeout.
+  const std::chrono::milliseconds timeout = url.ends_with("/slow") ? 300ms : 60s;
+  HttpRequest request{.method = std::move(method),
+                      .url = std::move(url),
+                      .headers = std::move(headers),
+                      .body = std::move(body),
+                      .timeout = timeout};
+  auto task = transport.send(std::move(request),
+                             [promise](HttpCompletion done) { promise->set_value(std::move(done)); });
+  return {std::move(task), std::move(outcome)};
+}
+
+std::unique_ptr<CurlTransport> makeTransport() {
+  auto transport = CurlTransport::create();
+  EXPECT_TRUE(transport.has_value());
+  return transport ? std::move(*transport) : nullptr;
+}
+
+TEST(UrlLoadingErrorCode, TranslatesEachFamilyOfCurlFailure) {
+  const std::tuple<CURLcode, long, int> cases[] = {
+      {CURLE_COULDNT_RESOLVE_HOST, 0, -1003},
+      {CURLE_COULDNT_RESOLVE_HOST, ENETUNREACH, -1009},
+      {CURLE_COULDNT_RESOLVE_PROXY, 0, -1006},
+      {CURLE_COULDNT_CONNECT, ECONNREFUSED, -1004},
+      {CURLE_COULDNT_CONNECT, EHOSTUNREACH, -1004},
+      {CURLE_COULDNT_CONNECT, ENETUNREACH, -1009},
+      {CURLE_COULDNT_CONNECT, ENETDOWN, -1009},
+      {CURLE_SEND_ERROR, ECONNRESET, -1005},
+      {CURLE_RECV_ERROR, ECONNRESET, -1005},
+      {CURLE_PARTIAL_FILE, 0, -1005},
+      {CURLE_GOT_NOTHING, 0, -1011},
+      {CURLE_WEIRD_SERVER_REPLY, 0, -1011},
+      // The OS error only qualifies resolving and connecting.
+      {CURLE_OPERATION_TIMEDOUT, 0, -1001},
+      {CURLE_OPERATION_TIMEDOUT, ENETUNREACH, -1001},
+      {CURLE_ABORTED_BY_CALLBACK, 0, -999},
+      {CURLE_PEER_FAILED_VERIFICATION, 0, -1202},
+      {CURLE_SSL_CACERT_BADFILE, 0, -1202},
+      {CURLE_SSL_CONNECT_ERROR, 0, -1200},
+      {CURLE_URL_MALFORMAT, 0, -1000},
+      {CURLE_UNSUPPORTED_PROTOCOL, 0, -1002},
+      {CURLE_TOO_MANY_REDIRECTS, 0, -1007},
+      {CURLE_OUT_OF_MEMORY, 0, -1},
+  };
+  for (const auto& [code, osErrno, expected] : cases) {
+    EXPECT_EQ(urlLoadingErrorCode(code, osErrno), expected)
+        << curl_easy_strerror(code) << ", errno " << osErrno;
+  }
+}
+
+// A real HTTP server on 127.0.0.1 in front of one transport. "/held" and "/slow" answer only once the
+// test opens the gate.
+class CurlTransportTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    auto echo = [this](const httplib::Request& request, httplib::Response& response) {
+      arrive(request);
+      response.set_content("answer to " + request.method, "text/plain");
+      leave();
+    };
+    server_.Get("/echo", echo)
+        .Post("/echo", echo)
+        .Put("/echo", echo)
+        .Patch("/echo", echo)
+        .Delete("/echo", echo);
+    server_.Get(R"(/status/(\d+))", [this](const httplib::Request& request, httplib::Response& response) {
+      arrive(request);
+      response.status = std::stoi(request.matches[1]);
+      if (response.status == 302) response.set_header("Location", "/echo");
+      if (response.status != 204) response.set_content("status body", "text/plain");
+      leave();
+    });
+    server_.Get("/held|/slow", [this](const httplib::Request& request, httplib::Response& response) {
+      arrive(request);
+      std::unique_lock lock(mutex_);
+      changed_.wait_for(lock, kPatience, [&] { return open_; });
+      --inFlight_;
+      response.set_content("held", "text/plain");
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    ASSERT_GT(port_, 0);
+    listener_ = std::thread([this] { server_.listen_after_bind(); });
+    // stop() only stops a server that is already running.
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!server_.is_running() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    transport_ = makeTransport();
+    ASSERT_TRUE(transport_);
+  }
+
+  void TearDown() override {
+    transport_.reset();
+    openGate();
+    server_.stop();
+    listener_.join();
+  }
+
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+
+  void arrive(const httplib::Request& request) {
+    std::lock_guard lock(mutex_);
+    arrivals_.push_back(request);
+    maxInFlight_ = std::max(maxInFlight_, ++inFlight_);
+    changed_.notify_all();
+  }
+  void leave() {
+    std::lock_guard lock(mutex_);
+    --inFlight_;
+  }
+  void openGate() {
+    std::lock_guard lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  void awaitArrivals(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    ASSERT_TRUE(changed_.wait_for(lock, kPatience, [&] { return arrivals_.size() >= count; }));
+  }
+
+  httplib::Server server_;
+  std::thread listener_;
+  int port_ = 0;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<httplib::Request> arrivals_;  // guarded by mutex_, as is everything below
+  int inFlight_ = 0;
+  int maxInFlight_ = 0;
+  bool open_ = false;
+  std::unique_ptr<CurlTransport> transport_;
+};
+
+TEST_F(CurlTransportTest, SendsMethodBodyAndHeadersAsGiven) {
+  const std::vector<std::pair<std::string, std::string>> headers = {{"Content-Type", "application/json"},
+                                                                    {"Accept", "*/*"},
+                                                                    {"X-Client-Version", "2"},
+                                                                    {"Authorization", "Bearer k"}};
+  const std::string methods[] = {"POST", "PUT", "PATCH", "DELETE", "GET"};
+  // The server reads no body of a GET.
+  auto bodyOf = [](const std::string& method) { return method == "GET" ? std::string() : method + " body"; };
+  for (const auto& method : methods) {
+    const auto completion = send(*transport_, url("/echo"), method, bodyOf(method), headers).await();
+    ASSERT_TRUE(completion.response) << method;
+    EXPECT_EQ(completion.response->statusCode, 200);
+    EXPECT_EQ(completion.data, "answer to " + method);
+  }
+  std::lock_guard lock(mutex_);
+  ASSERT_EQ(arrivals_.size(), std::size(methods));
+  for (std::size_t i = 0; i < arrivals_.size(); ++i) {
+    EXPECT_EQ(arrivals_[i].method, methods[i]);
+    EXPECT_EQ(arrivals_[i].body, bodyOf(methods[i]));
+    for (const auto& [name, value] : headers) {
+      ASSERT_EQ(arrivals_[i].headers.count(name), 1u) << methods[i] << " " << name;
+      EXPECT_EQ(arrivals_[i].get_header_value(name), value) << methods[i] << " " << name;
+    }
+  }
+}
+
+TEST_F(CurlTransportTest, HandsBackStatusAndBodyWithoutFollowingRedirects) {
+  for (const auto& [status, body] :
+       {std::pair{200, "status body"}, {204, ""}, {302, "status body"}, {500, "status body"}}) {
+    const auto completion = send(*transport_, url("/status/" + std::to_string(status))).await();
+    ASSERT_TRUE(completion.response) << status;
+    EXPECT_EQ(completion.response->statusCode, status);
+    EXPECT_TRUE(completion.response->isHttp);
+    EXPECT_EQ(completion.data, *body ? std::optional<std::string>(body) : std::nullopt) << status;
+    EXPECT_FALSE(completion.error) << status;
+  }
+  std::lock_guard lock(mutex_);
+  for (const auto& arrival : arrivals_) EXPECT_NE(arrival.path, "/echo") << "the redirect was followed";
+}
+
+TEST_F(CurlTransportTest, RunsRequestsOneAtATimeInTheOrderSent) {
+  // The first request is held at the server until all are queued, so a lane running two at once would
+  // show in the server's count.
+  std::vector<Sent> sent;
+  sent.push_back(send(*transport_, url("/held")));
+  awaitArrivals(1);
+  for (int i = 0; i < 4; ++i) {
+    sent.push_back(send(*transport_, url("/echo"), "GET", "", {{"X-Sequence", std::to_string(i)}}));
+  }
+  openGate();
+  for (auto& request : sent) EXPECT_TRUE(request.await().response);
+
+  std::lock_guard lock(mutex_);
+  EXPECT_EQ(maxInFlight_, 1);
+  ASSERT_EQ(arrivals_.size(), 5u);
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(arrivals_[i + 1].get_header_value("X-Sequence"), std::to_string(i));
+}
+
+TEST_F(CurlTransportTest, ServerSlowerThanTheRequestTimeoutTimesOut) {
+  EXPECT_EQ(send(*transport_, url("/slow")).errorCode(), -1001);
+}
+
+TEST_F(CurlTransportTest, CancelCompletesQueuedRequestsUnsentAndAbortsTheOneInFlight) {
+  auto held = send(*transport_, url("/held"));
+  awaitArrivals(1);
+  auto queued = send(*transport_, url("/echo"), "POST", "never sent");
+  queued.task->cancel();
+  // Completed although the request ahead of it is still held at the server.
+  EXPECT_EQ(queued.errorCode(), -999);
+  held.task->cancel();
+  EXPECT_EQ(held.errorCode(), -999);
+
+  // Cancelling again, or after completion, completes nothing twice (the promise would throw).
+  auto done = send(*transport_, url("/status/200"));
+  EXPECT_TRUE(done.await().response);
+  held.task->cancel();
+  done.task->cancel();
+  EXPECT_TRUE(send(*transport_, url("/status/204")).await().response);
+  std::lock_guard lock(mutex_);
+  for (const auto& arrival : arrivals_) EXPECT_NE(arrival.path, "/echo");
+}
+
+TEST_F(CurlTransportTest, DestructionCompletesEveryPendingRequestOnce) {
+  std::vector<Sent> sent;
+  sent.push_back(send(*transport_, url("/held")));
+  awaitArrivals(1);
+  sent.push_back(send(*transport_, url("/echo")));
+  sent.push_back(send(*transport_, url("/echo")));
+  transport_.reset();
+  for (auto& request : sent) {
+    ASSERT_EQ(request.outcome.wait_for(0s), std::future_status::ready);
+    EXPECT_EQ(request.errorCode(), -999);
+  }
+}
+
+TEST_F(CurlTransportTest, UnusableAddressesFailWithTheirOwnCodes) {
+  EXPECT_EQ(send(*transport_, "http://").errorCode(), -1000);
+  EXPECT_EQ(send(*transport_, url("/echo").replace(0, 4, "ftp")).errorCode(), -1002);
+  // TLS spoken to a server that only speaks plain HTTP: the handshake fails.
+  EXPECT_EQ(send(*transport_, url("/echo").replace(0, 4, "https")).errorCode(), -1200);
+}
+
+// A socket on 127.0.0.1 bound to a free port; listening if asked, refusing connections otherwise.
+struct LoopbackSocket {
+  explicit LoopbackSocket(bool listening) {
+    sockaddr_in address{
+        .sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    if (listening) {
+      EXPECT_EQ(::listen(fd, 1), 0);
+    }
+    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/track";
+  }
+  ~LoopbackSocket() { ::close(fd); }
+
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::string url;
+};
+
+// Takes one connection, reads one request and answers it with raw bytes, then closes the connection
+// or resets it. Returns the request as it arrived, byte for byte.
+std::future<std::string> serveOnce(const LoopbackSocket& socket, std::string answer, bool reset) {
+  return std::async(std::launch::async, [fd = socket.fd, answer = std::move(answer), reset] {
+    pollfd waiting{.fd = fd, .events = POLLIN, .revents = 0};
+    if (::poll(&waiting, 1, std::chrono::milliseconds(kPatience).count()) != 1) return std::string();
+    const int connection = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+    const timeval patience{.tv_sec = std::chrono::seconds(kPatience).count(), .tv_usec = 0};
+    ::setsockopt(connection, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    std::string request;
+    std::size_t expected = std::string::npos;
+    char chunk[64 * 1024];
+    for (long received = 1; received > 0 && request.size() < expected;) {
+      received = ::recv(connection, chunk, sizeof chunk, 0);
+      if (received > 0) request.append(chunk, received);
+      const auto headEnd = request.find("\r\n\r\n");
+      const auto lengthAt = request.find("Content-Length: ");
+      if (headEnd == std::string::npos) continue;
+      expected = headEnd + 4 + (lengthAt < headEnd ? std::stoul(request.substr(lengthAt + 16)) : 0);
+    }
+    (void)!::send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
+    const linger abortive{.l_onoff = 1, .l_linger = 0};
+    if (reset) ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+    ::close(connection);
+    return request;
+  });
+}
+
+TEST(CurlTransportWire, HeadersGoOutInTheGivenOrderWithNothingAddedOrDropped) {
+  LoopbackSocket socket(true);
+  auto wire = serveOnce(socket, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n", false);
+  auto transport = makeTransport();
+  const std::vector<std::pair<std::string, std::string>> headers = {{"X-Client-Platform", "ios"},
+                                                                    {"Content-Type", "application/json"},
+                                                                    {"X-Client-Bundle-Id", ""},
+                                                                    {"Accept", "*/*"}};
+  // Large enough for libcurl to ask "Expect: 100-continue" unless told not to.
+  const std::string body(2 * 1024 * 1024, 'x');
+  EXPECT_EQ(send(*transport, socket.url, "POST", body, headers)
+                .await()
+                .response.value_or(platform::HttpResponse{})
+                .statusCode,
+            200);
+
+  ASSERT_EQ(wire.wait_for(kPatience), std::future_status::ready);
+  const auto request = wire.get();
+  const auto head = request.substr(0, request.find("\r\n\r\n") + 2);
+  EXPECT_TRUE(head.starts_with("POST /track HTTP/1.1\r\n")) << head;
+  std::size_t previous = 0;
+  for (const auto& [name, value] : headers) {
+    const auto at = head.find("\r\n" + name + ":" + (value.empty() ? "" : " " + value) + "\r\n");
+    ASSERT_NE(at, std::string::npos) << name << " missing from\n" << head;
+    EXPECT_GT(at, previous) << name << " out of order in\n" << head;
+    previous = at;
+    EXPECT_EQ(at, head.rfind("\r\n" + name + ":")) << name << " sent twice in\n" << head;
+  }
+  EXPECT_EQ(head.find("Expect:"), std::string::npos) << head;
+  EXPECT_EQ(request.size() - head.size() - 2, body.size());
+}
+
+TEST(CurlTransportWire, BrokenConnectionsAreLostAndRefusedOnesCannotConnect) {
+  auto transport = makeTransport();
+  const std::tuple<const char*, std::string, bool, int> cases[] = {
+      {"closed without an answer", "", false, -1011},
+      {"reset after the request", "", true, -1005},
+      {"closed mid-body", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\npartial", false, -1005},
+  };
+  for (const auto& [name, answer, reset, expected] : cases) {
+    LoopbackSocket socket(true);
+    auto served = serveOnce(socket, answer, reset);
+    EXPECT_EQ(send(*transport, socket.url).errorCode(), expected) << name;
+  }
+  // Bound but not listening: the kernel refuses, and no other process can take the port meanwhile.
+  LoopbackSocket refusing(false);
+  const auto refused = send(*transport, refusing.url).await();
+  ASSERT_TRUE(refused.error);
+  EXPECT_EQ(refused.error->code, -1004);
+  EXPECT_NE(refused.error->description, "");
+}
+
+}  // namespace
+}  // namespace verdalune::sessionreplay
