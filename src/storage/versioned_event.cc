@@ -24,23 +24,30 @@ namespace {
 // Each byte's text in the literal, as up to six characters in the low bytes of a word and their
 // count in the top byte: from 0x80 up the two UTF-8 bytes of that Latin-1 character, below it the
 // byte as the JSON writer escapes it.
-const std::array<std::uint64_t, 256> kLiteralText = [] {
-  static constexpr char kHex[] = "0123456789abcdef";
+constexpr std::array<std::uint64_t, 256> kLiteralText = [] {
+  constexpr char kHex[] = "0123456789abcdef";
   std::array<std::uint64_t, 256> table{};
   for (unsigned byte = 0; byte < 256; ++byte) {
-    std::string text;
+    char text[6] = {};
+    std::size_t length = 0;
     const char escape = jsonEscapeFor(static_cast<unsigned char>(byte));
     if (byte >= 0x80) {
-      text = {static_cast<char>(0xC0 | (byte >> 6)), static_cast<char>(0x80 | (byte & 0x3F))};
+      text[length++] = static_cast<char>(0xC0 | (byte >> 6));
+      text[length++] = static_cast<char>(0x80 | (byte & 0x3F));
     } else if (escape == 0) {
-      text = {static_cast<char>(byte)};
-    } else if (escape == 'u') {
-      text = {'\\', 'u', '0', '0', kHex[byte >> 4], kHex[byte & 0xF]};
+      text[length++] = static_cast<char>(byte);
     } else {
-      text = {'\\', escape};
+      text[length++] = '\\';
+      text[length++] = escape;
+      if (escape == 'u') {
+        text[length++] = '0';
+        text[length++] = '0';
+        text[length++] = kHex[byte >> 4];
+        text[length++] = kHex[byte & 0xF];
+      }
     }
-    std::uint64_t entry = static_cast<std::uint64_t>(text.size()) << 56;
-    for (std::size_t i = 0; i < text.size(); ++i) {
+    std::uint64_t entry = static_cast<std::uint64_t>(length) << 56;
+    for (std::size_t i = 0; i < length; ++i) {
       entry |= static_cast<std::uint64_t>(static_cast<unsigned char>(text[i])) << (8 * i);
     }
     table[byte] = entry;

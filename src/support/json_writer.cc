@@ -15,18 +15,10 @@
 namespace verdalune::sessionreplay {
 namespace {
 
-// 0 = copy as is, 'u' = \u00XX, anything else = that letter after a backslash.
+// jsonEscapeFor as a table, for the scanning loops.
 constexpr std::array<char, 256> makeEscapeTable() {
   std::array<char, 256> table{};
-  for (int c = 0; c < 0x20; ++c) table[c] = 'u';
-  table['\b'] = 'b';
-  table['\f'] = 'f';
-  table['\n'] = 'n';
-  table['\r'] = 'r';
-  table['\t'] = 't';
-  table['"'] = '"';
-  table['\\'] = '\\';
-  table['/'] = '/';
+  for (int c = 0; c < 256; ++c) table[c] = jsonEscapeFor(static_cast<unsigned char>(c));
   return table;
 }
 constexpr std::array<char, 256> kEscape = makeEscapeTable();
@@ -108,8 +100,6 @@ bool appendShortest(std::string& out, T value) {
 }
 
 }  // namespace
-
-char jsonEscapeFor(unsigned char byte) { return kEscape[byte]; }
 
 void appendJsonString(std::string& out, std::string_view value) {
   out.push_back('"');

@@ -65,8 +65,21 @@ void appendJsonString(std::string& out, std::string_view value);
 void appendJsonStringContent(std::string& out, std::string_view value);
 
 // How the JSON writer escapes one byte: 0 to copy it as is, 'u' for \u00XX, or the letter that follows
-// the backslash (\" \\ \/ \b \f \n \r \t).
-[[nodiscard]] char jsonEscapeFor(unsigned char byte);
+// the backslash (\" \\ \/ \b \f \n \r \t). A constant expression, so that tables built from it are
+// ready before any other static initializer runs.
+[[nodiscard]] constexpr char jsonEscapeFor(unsigned char byte) {
+  switch (byte) {
+    case '\b': return 'b';
+    case '\f': return 'f';
+    case '\n': return 'n';
+    case '\r': return 'r';
+    case '\t': return 't';
+    case '"': return '"';
+    case '\\': return '\\';
+    case '/': return '/';
+    default: return byte < 0x20 ? 'u' : 0;
+  }
+}
 
 // Appends the shortest decimal text that reads back as exactly `value`; false for NaN and infinities.
 bool appendShortestNumber(std::string& out, double value);
