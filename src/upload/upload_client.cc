@@ -11,10 +11,14 @@ namespace {
 
 std::string_view keyOf(AsyncOperation::State state) {
   switch (state) {
-    case AsyncOperation::State::ready: return "isReady";
-    case AsyncOperation::State::executing: return "isExecuting";
-    case AsyncOperation::State::finished: return "isFinished";
-    case AsyncOperation::State::cancelled: return "isCancelled";
+    case AsyncOperation::State::ready:
+      return "isReady";
+    case AsyncOperation::State::executing:
+      return "isExecuting";
+    case AsyncOperation::State::finished:
+      return "isFinished";
+    case AsyncOperation::State::cancelled:
+      return "isCancelled";
   }
   return "isReady";
 }
@@ -43,7 +47,9 @@ AsyncOperation::State AsyncOperation::state() const {
   return state_;
 }
 
-void AsyncOperation::setObserver(Observer observer) { observer_ = std::move(observer); }
+void AsyncOperation::setObserver(Observer observer) {
+  observer_ = std::move(observer);
+}
 
 void AsyncOperation::setState(State state) {
   std::lock_guard lock(lock_);
@@ -110,20 +116,20 @@ void UploadOperation::send(platform::HttpRequest request, int attemptsLeft) {
     setState(State::cancelled);
     return;
   }
-  client->options_.logger->debug("[UploadClient] uploading " + deviceId_ + "/" + std::to_string(sessionId_) + "/" +
-                                 std::to_string(sequenceNumber_));
+  client->options_.logger->debug("[UploadClient] uploading " + deviceId_ + "/" + std::to_string(sessionId_) +
+                                 "/" + std::to_string(sequenceNumber_));
   std::weak_ptr<UploadClient> weakClient = client;
-  auto task = client->transport_->send(
-      request, [self = shared_from_this(), weakClient, request, attemptsLeft](platform::HttpCompletion completion) {
-        auto handle = [self, request, attemptsLeft, completion = std::move(completion)]() mutable {
-          self->handleCompletion(request, attemptsLeft, std::move(completion));
-        };
-        if (auto client = weakClient.lock()) {
-          client->queue_->async(std::move(handle));
-        } else {
-          handle();
-        }
-      });
+  auto task = client->transport_->send(request, [self = shared_from_this(), weakClient, request,
+                                                 attemptsLeft](platform::HttpCompletion completion) {
+    auto handle = [self, request, attemptsLeft, completion = std::move(completion)]() mutable {
+      self->handleCompletion(request, attemptsLeft, std::move(completion));
+    };
+    if (auto client = weakClient.lock()) {
+      client->queue_->async(std::move(handle));
+    } else {
+      handle();
+    }
+  });
   std::lock_guard lock(taskLock_);
   uploadTask_ = std::move(task);
 }
@@ -145,14 +151,16 @@ void UploadOperation::handleCompletion(const platform::HttpRequest& request, int
     // The same block goes to the back of the lane, which waits for the network; this operation
     // ends without an answer, and the new one gives it.
     client->holdForOffline();
-    client->upload(deviceId_, sessionId_, sequenceNumber_, std::move(eventFetcher_), std::move(responseHandler_));
+    client->upload(deviceId_, sessionId_, sequenceNumber_, std::move(eventFetcher_),
+                   std::move(responseHandler_));
     setState(State::finished);
     return;
   }
   if (client && isRetryable(failure) && attemptsLeft > 1) {
     // The operation stays executing, so the lane stays blocked until this block is settled.
-    client->queue_->asyncAfter(client->options_.retryTimeInterval,
-                               [self = shared_from_this(), request, attemptsLeft] { self->send(request, attemptsLeft - 1); });
+    client->queue_->asyncAfter(
+        client->options_.retryTimeInterval,
+        [self = shared_from_this(), request, attemptsLeft] { self->send(request, attemptsLeft - 1); });
     return;
   }
   std::visit([this](const auto& reason) { finish(UploadFailure(reason)); }, failure);
@@ -160,7 +168,8 @@ void UploadOperation::handleCompletion(const platform::HttpRequest& request, int
 
 // UploadClient
 
-std::shared_ptr<UploadClient> UploadClient::make(Options options, std::shared_ptr<platform::HttpTransport> transport,
+std::shared_ptr<UploadClient> UploadClient::make(Options options,
+                                                 std::shared_ptr<platform::HttpTransport> transport,
                                                  std::shared_ptr<platform::PathMonitor> pathMonitor,
                                                  std::shared_ptr<Queue> queue) {
   std::shared_ptr<UploadClient> client(
@@ -187,7 +196,9 @@ UploadClient::UploadClient(Options options, std::shared_ptr<platform::HttpTransp
       pathMonitor_(std::move(pathMonitor)),
       queue_(std::move(queue)) {}
 
-UploadClient::~UploadClient() { pathMonitor_->cancel(); }
+UploadClient::~UploadClient() {
+  pathMonitor_->cancel();
+}
 
 void UploadClient::upload(std::string deviceId, std::int64_t sessionId, std::int64_t sequenceNumber,
                           EventFetcher eventFetcher, ResponseHandler responseHandler) {
@@ -281,10 +292,9 @@ void UploadClient::pathChanged(platform::PathStatus status) {
   }
 }
 
-std::expected<platform::HttpRequest, HttpError> UploadClient::makeRequest(const std::string& deviceId,
-                                                                         std::int64_t sessionId,
-                                                                         std::int64_t sequenceNumber,
-                                                                         const std::vector<std::string>& events) const {
+std::expected<platform::HttpRequest, HttpError> UploadClient::makeRequest(
+    const std::string& deviceId, std::int64_t sessionId, std::int64_t sequenceNumber,
+    const std::vector<std::string>& events) const {
   std::string body;
   JsonWriter writer(body);
   writer.beginObject();

@@ -112,16 +112,16 @@ class UploadOperation final : public AsyncOperation, public std::enable_shared_f
 class UploadClient final : public BlockUploader, public std::enable_shared_from_this<UploadClient> {
  public:
   struct Options {
-    std::string apiKey;
-    std::string serverUrl;
-    std::shared_ptr<Logger> logger;
+    std::string apiKey{};
+    std::string serverUrl{};
+    std::shared_ptr<Logger> logger{};
     bool optOut = false;
     bool captureEnabled = true;
     int retryCount = 3;
     float sampleRate = 1.0f;
     std::chrono::milliseconds retryTimeInterval{30'000};
     std::chrono::milliseconds requestTimeout{60'000};
-    ClientInfo client;
+    ClientInfo client{};
   };
 
   // Starts watching the network through `pathMonitor` at once.

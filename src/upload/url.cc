@@ -6,7 +6,9 @@
 namespace verdalune::sessionreplay {
 namespace {
 
-bool isUnreserved(unsigned char c) { return std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~'; }
+bool isUnreserved(unsigned char c) {
+  return std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~';
+}
 
 // Printable ASCII but for the characters no URL may hold unescaped, and well-formed escapes.
 bool isUrlText(std::string_view text) {
@@ -56,7 +58,8 @@ std::optional<UrlComponents> UrlComponents::parse(std::string_view text) {
   UrlComponents parts;
   if (const auto hash = text.find('#'); hash != std::string_view::npos) text = text.substr(0, hash);
   // The query the endpoint came with is replaced by the items the request sets.
-  if (const auto question = text.find('?'); question != std::string_view::npos) text = text.substr(0, question);
+  if (const auto question = text.find('?'); question != std::string_view::npos)
+    text = text.substr(0, question);
 
   if (const auto colon = text.find(':'); colon != std::string_view::npos && isScheme(text.substr(0, colon))) {
     parts.scheme = std::string(text.substr(0, colon));
@@ -68,7 +71,8 @@ std::optional<UrlComponents> UrlComponents::parse(std::string_view text) {
     std::string_view authority = text.substr(0, slash);
     text = slash == std::string_view::npos ? std::string_view() : text.substr(slash);
     if (const auto at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
-    if (const auto colon = authority.rfind(':'); colon != std::string_view::npos && !authority.ends_with(']')) {
+    if (const auto colon = authority.rfind(':');
+        colon != std::string_view::npos && !authority.ends_with(']')) {
       const std::string_view portText = authority.substr(colon + 1);
       int port = 0;
       if (!portText.empty()) {
