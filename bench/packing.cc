@@ -38,17 +38,18 @@ std::string hashName(std::uint64_t seed) {
 rrweb::Event styledSnapshot(int count) {
   static const char* const kPalette[] = {"#FFFFFFFF", "#F2F2F7FF", "#1C1C1EFF", "#007AFFFF", "#34C759FF",
                                          "#FF3B30FF", "#8E8E93FF", "#E5E5EAFF", "#00000033", "#5856D6FF"};
-  static const char* const kWords[] = {"Morning", "run", "along", "the", "river", "with", "friends", "photos",
-                                       "shared", "by", "Alex", "and", "12", "others", "yesterday"};
+  static const char* const kWords[] = {"Morning", "run",     "along",  "the",    "river",
+                                       "with",    "friends", "photos", "shared", "by",
+                                       "Alex",    "and",     "12",     "others", "yesterday"};
   std::vector<rrweb::Node> elements;
   for (int i = 0; i < count; ++i) {
     const double top = 88.0 + 61.0 / 3.0 * i;
     const double width = 343.0 + (i % 7) / 3.0;
-    std::string style = "background-color: " + std::string(kPalette[i % 10]) + "; border-radius: " +
-                        px(4 + i % 4 * 2) + "; height: " + px(44 + (i % 5) / 3.0) + "; left: " + px(16 + (i % 3) / 3.0) +
-                        "; opacity: " + (i % 9 ? "1" : "0.5") + "; position: absolute; top: " + px(top) +
-                        "; transform: matrix(1, 0, 0, 1, 0, " + px(-(i % 13) / 3.0) + "); width: " + px(width) +
-                        "; z-index: " + std::to_string(i);
+    std::string style = "background-color: " + std::string(kPalette[i % 10]) +
+                        "; border-radius: " + px(4 + i % 4 * 2) + "; height: " + px(44 + (i % 5) / 3.0) +
+                        "; left: " + px(16 + (i % 3) / 3.0) + "; opacity: " + (i % 9 ? "1" : "0.5") +
+                        "; position: absolute; top: " + px(top) + "; transform: matrix(1, 0, 0, 1, 0, " +
+                        px(-(i % 13) / 3.0) + "); width: " + px(width) + "; z-index: " + std::to_string(i);
     rrweb::JSONValue::Dictionary attributes{{"style", rrweb::JSONValue(style)}};
     std::vector<rrweb::Node> children;
     if (i % 4 == 0) {
@@ -58,8 +59,10 @@ rrweb::Event styledSnapshot(int count) {
       for (int w = 0; w < 4 + i % 5; ++w) label += std::string(kWords[(i * 7 + w * 3) % 15]) + " ";
       children.push_back(rrweb::TextNode{.id = 100000 + i, .textContent = label});
     }
-    elements.push_back(rrweb::ElementNode{
-        .id = 100 + i, .tagName = "div", .attributes = std::move(attributes), .childNodes = std::move(children)});
+    elements.push_back(rrweb::ElementNode{.id = 100 + i,
+                                          .tagName = "div",
+                                          .attributes = std::move(attributes),
+                                          .childNodes = std::move(children)});
   }
   rrweb::ElementNode body{.id = 13, .tagName = "body", .childNodes = std::move(elements)};
   rrweb::ElementNode html{.id = 11, .tagName = "html", .childNodes = {rrweb::Node(std::move(body))}};
@@ -70,9 +73,11 @@ rrweb::Event styledSnapshot(int count) {
 rrweb::Event smallMutation() {
   rrweb::MutationData mutation;
   mutation.attributes.push_back(rrweb::AttributeMutation{
-      .id = 142, .attributes = {{"style", rrweb::JSONValue("left: 16px; position: absolute; top: 300.5px")}}});
+      .id = 142,
+      .attributes = {{"style", rrweb::JSONValue("left: 16px; position: absolute; top: 300.5px")}}});
   mutation.removes.push_back(rrweb::RemovedNodeMutation{.parentId = 13, .id = 150});
-  return rrweb::IncrementalSnapshotEvent{.timestamp = 1700000000100, .data = rrweb::IncrementalData(mutation)};
+  return rrweb::IncrementalSnapshotEvent{.timestamp = 1700000000100,
+                                         .data = rrweb::IncrementalData(mutation)};
 }
 
 const rrweb::Event& eventNamed(const std::string& name) {
@@ -88,8 +93,8 @@ void compressOnly(benchmark::State& state, const std::string& name) {
   std::string destination(json.size() * 4, '\0');
   for (auto _ : state) {
     uLongf length = destination.size();
-    compress(reinterpret_cast<Bytef*>(destination.data()), &length, reinterpret_cast<const Bytef*>(json.data()),
-             json.size());
+    compress(reinterpret_cast<Bytef*>(destination.data()), &length,
+             reinterpret_cast<const Bytef*>(json.data()), json.size());
     benchmark::DoNotOptimize(length);
   }
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * json.size()));

@@ -32,11 +32,13 @@ rrweb::Event mutationEvent(int i) {
   for (int k = 0; k < 4; ++k) {
     mutation.attributes.push_back(rrweb::AttributeMutation{
         .id = 100 + (i + k) % 300,
-        .attributes = {{"style", rrweb::JSONValue("background-color: #1C1C1EFF; height: 44px; left: 16px; "
-                                                  "position: absolute; top: " +
-                                                  std::to_string(88 + i % 700) + ".333333333333336px; width: 343px")}}});
+        .attributes = {
+            {"style", rrweb::JSONValue("background-color: #1C1C1EFF; height: 44px; left: 16px; "
+                                       "position: absolute; top: " +
+                                       std::to_string(88 + i % 700) + ".333333333333336px; width: 343px")}}});
   }
-  return rrweb::IncrementalSnapshotEvent{.timestamp = 1700000000000 + i, .data = rrweb::IncrementalData(mutation)};
+  return rrweb::IncrementalSnapshotEvent{.timestamp = 1700000000000 + i,
+                                         .data = rrweb::IncrementalData(mutation)};
 }
 
 constexpr int kEventsPerRun = 2000;
@@ -54,7 +56,8 @@ void packingAlone(benchmark::State& state) {
 void pipeline(benchmark::State& state) {
   auto collector = vdl::testing::CollectorProcess::start();
   if (!collector) return state.SkipWithError("the collector did not start");
-  const auto folder = std::filesystem::temp_directory_path() / ("vdl-bench-pipeline-" + std::to_string(::getpid()));
+  const auto folder =
+      std::filesystem::temp_directory_path() / ("vdl-bench-pipeline-" + std::to_string(::getpid()));
   auto logger = std::make_shared<QuietLogger>();
   auto defaults = std::make_shared<vdl::InMemoryDefaultsStore>();
   std::int64_t session = 1;
@@ -62,10 +65,10 @@ void pipeline(benchmark::State& state) {
     std::filesystem::remove_all(folder);
     collector->reset();
     auto storageQueue = std::make_shared<vdl::SerialQueue>("com.verdalune.sessionreplay.storage");
-    auto client = vdl::UploadClient::make({.apiKey = "test-key", .serverUrl = collector->trackUrl(), .logger = logger},
-                                          vdl::CurlTransport::create().value(),
-                                          std::make_shared<vdl::ManualPathMonitor>(),
-                                          std::make_shared<vdl::SerialQueue>("com.verdalune.sessionreplay.upload"));
+    auto client = vdl::UploadClient::make(
+        {.apiKey = "test-key", .serverUrl = collector->trackUrl(), .logger = logger},
+        vdl::CurlTransport::create().value(), std::make_shared<vdl::ManualPathMonitor>(),
+        std::make_shared<vdl::SerialQueue>("com.verdalune.sessionreplay.upload"));
     auto storage = std::make_shared<vdl::PersistentStorage>("test-key", folder);
     auto coordinator = vdl::StorageCoordinator<vdl::PersistentStorage>::make(
         storage, client, logger, vdl::BlockState("test-key", defaults), storageQueue);

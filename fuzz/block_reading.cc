@@ -17,6 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (auto json = vdl::unpackEvent(packed)) (void)vdl::rrweb::decodeEvent(*json);
   }
   // The same bytes as a file name found in the blocks folder: a name that parses has a device id.
-  if (auto identity = vdl::parseBlockFileName(bytes); identity && identity->deviceId.empty()) __builtin_trap();
+  if (auto identity = vdl::parseBlockFileName(bytes); identity && identity->deviceId.empty())
+    __builtin_trap();
   return 0;
 }

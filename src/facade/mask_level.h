@@ -12,9 +12,12 @@ enum class MaskLevel : int { light = 0, medium = 1, conservative = 2 };
 
 [[nodiscard]] constexpr std::string_view describe(MaskLevel level) {
   switch (level) {
-    case MaskLevel::light: return "light";
-    case MaskLevel::medium: return "medium";
-    case MaskLevel::conservative: return "conservative";
+    case MaskLevel::light:
+      return "light";
+    case MaskLevel::medium:
+      return "medium";
+    case MaskLevel::conservative:
+      return "conservative";
   }
   return "light";
 }

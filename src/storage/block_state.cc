@@ -11,13 +11,21 @@ BlockState::BlockState(std::string apiKey, std::shared_ptr<DefaultsStore> defaul
 // A failed write of the defaults file keeps the value in memory and is saved by the next write, so
 // block state never stops recording; the calls below ignore it on purpose.
 
-std::optional<std::string> BlockState::currentDeviceId() const { return defaults_->string(deviceIdKey_); }
+std::optional<std::string> BlockState::currentDeviceId() const {
+  return defaults_->string(deviceIdKey_);
+}
 
-void BlockState::setCurrentDeviceId(const std::string& deviceId) { (void)defaults_->set(deviceIdKey_, deviceId); }
+void BlockState::setCurrentDeviceId(const std::string& deviceId) {
+  (void)defaults_->set(deviceIdKey_, deviceId);
+}
 
-std::optional<std::int64_t> BlockState::currentSessionId() const { return defaults_->integer(sessionIdKey_); }
+std::optional<std::int64_t> BlockState::currentSessionId() const {
+  return defaults_->integer(sessionIdKey_);
+}
 
-void BlockState::setCurrentSessionId(std::int64_t sessionId) { (void)defaults_->set(sessionIdKey_, sessionId); }
+void BlockState::setCurrentSessionId(std::int64_t sessionId) {
+  (void)defaults_->set(sessionIdKey_, sessionId);
+}
 
 std::int64_t BlockState::nextSequenceNumber() {
   const std::int64_t next = defaults_->integer(sequenceNumberKey_).value_or(0) + 1;
@@ -25,6 +33,8 @@ std::int64_t BlockState::nextSequenceNumber() {
   return next;
 }
 
-void BlockState::clearSequenceNumber() { (void)defaults_->remove(sequenceNumberKey_); }
+void BlockState::clearSequenceNumber() {
+  (void)defaults_->remove(sequenceNumberKey_);
+}
 
 }  // namespace verdalune::sessionreplay

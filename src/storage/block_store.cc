@@ -56,10 +56,14 @@ class StorageCategory final : public std::error_category {
   const char* name() const noexcept override { return "verdalune.storage"; }
   std::string message(int value) const override {
     switch (static_cast<StorageError>(value)) {
-      case StorageError::notFound: return "notFound";
-      case StorageError::deallocated: return "deallocated";
-      case StorageError::unreadableName: return "block name is not <device>_<session>_<sequence>.replay";
-      case StorageError::invalidFolderName: return "API key cannot name a folder";
+      case StorageError::notFound:
+        return "notFound";
+      case StorageError::deallocated:
+        return "deallocated";
+      case StorageError::unreadableName:
+        return "block name is not <device>_<session>_<sequence>.replay";
+      case StorageError::invalidFolderName:
+        return "API key cannot name a folder";
     }
     return "unknown storage error";
   }

@@ -22,7 +22,9 @@ class InMemoryStorage : public std::enable_shared_from_this<InMemoryStorage> {
   struct OutputStream {
     std::function<StorageResult<void>(std::span<const std::uint8_t>)> writer;
 
-    [[nodiscard]] StorageResult<void> write(std::span<const std::uint8_t> bytes) const { return writer(bytes); }
+    [[nodiscard]] StorageResult<void> write(std::span<const std::uint8_t> bytes) const {
+      return writer(bytes);
+    }
     [[nodiscard]] StorageResult<void> close() const { return {}; }
   };
 

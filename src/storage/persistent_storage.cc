@@ -16,7 +16,9 @@ namespace {
 constexpr std::string_view kFolderName = "com.verdalune.sessionreplay";
 constexpr std::string_view kExtension = ".replay";
 
-std::unexpected<std::error_code> failure(int number = errno) { return std::unexpected(systemError(number)); }
+std::unexpected<std::error_code> failure(int number = errno) {
+  return std::unexpected(systemError(number));
+}
 
 bool parseInteger(std::string_view text, std::int64_t& value) {
   if (text.empty()) return false;
@@ -111,7 +113,9 @@ StorageResult<PersistentStorage::OutputStream> PersistentStorage::openOutputStre
   return FileOutputStream(file);
 }
 
-StorageResult<std::string> PersistentStorage::read(const Block& block) const { return readWholeFile(block); }
+StorageResult<std::string> PersistentStorage::read(const Block& block) const {
+  return readWholeFile(block);
+}
 
 StorageResult<void> PersistentStorage::remove(const Block& block) const {
   if (::unlink(block.c_str()) != 0) return failure();
@@ -127,7 +131,9 @@ PersistentStorage::FileOutputStream& PersistentStorage::FileOutputStream::operat
   return *this;
 }
 
-PersistentStorage::FileOutputStream::~FileOutputStream() { (void)close(); }
+PersistentStorage::FileOutputStream::~FileOutputStream() {
+  (void)close();
+}
 
 StorageResult<void> PersistentStorage::FileOutputStream::write(std::span<const std::uint8_t> bytes) {
   if (fileHandle_ < 0) return failure(EBADF);

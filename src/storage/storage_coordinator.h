@@ -49,10 +49,12 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
 
   [[nodiscard]] static std::shared_ptr<StorageCoordinator> make(std::shared_ptr<Store> storage,
                                                                 std::shared_ptr<BlockUploader> uploadClient,
-                                                                std::shared_ptr<Logger> logger, BlockState blockState,
+                                                                std::shared_ptr<Logger> logger,
+                                                                BlockState blockState,
                                                                 std::shared_ptr<Queue> queue) {
-    std::shared_ptr<StorageCoordinator> coordinator(new StorageCoordinator(
-        std::move(storage), std::move(uploadClient), std::move(logger), std::move(blockState), std::move(queue)));
+    std::shared_ptr<StorageCoordinator> coordinator(
+        new StorageCoordinator(std::move(storage), std::move(uploadClient), std::move(logger),
+                               std::move(blockState), std::move(queue)));
     std::weak_ptr<StorageCoordinator> weak = coordinator;
     coordinator->uploadClient_->onConnectivityRestored([weak] {
       if (const auto coordinator = weak.lock()) coordinator->uploadStoredBlocks();
@@ -93,7 +95,8 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     });
   }
 
-  StorageResult<void> writeNow(const rrweb::Event& event, const std::string& deviceId, std::int64_t sessionId) {
+  StorageResult<void> writeNow(const rrweb::Event& event, const std::string& deviceId,
+                               std::int64_t sessionId) {
     const auto packed = packer_.pack(event);
     if (!packed) {
       logger_->error("[StorageCoordinator] Unable to pack event");
@@ -115,7 +118,8 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
       if (auto opened = openBlock(deviceId, sessionId); !opened) return opened;
     }
 
-    const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(record_.data()), record_.size());
+    const std::span<const std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(record_.data()),
+                                              record_.size());
     if (auto written = activeStream_->write(bytes); !written) {
       logger_->error("[StorageCoordinator] Could not write to output stream: " + written.error().message());
       (void)closeActiveStream(true);
@@ -145,7 +149,8 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   StorageResult<void> closeActiveStream(bool upload) {
     if (!activeBlock_ || !activeStream_) return {};
     if (auto closed = activeStream_->close(); !closed) {
-      logger_->error("[StorageCoordinator] Could not close active output stream: " + closed.error().message());
+      logger_->error("[StorageCoordinator] Could not close active output stream: " +
+                     closed.error().message());
       return closed;
     }
     if (timedFlush_) timedFlush_->cancel();
@@ -184,14 +189,16 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     if (!identity) {
       logger_->error("[StorageCoordinator] Unable to retrieve info for block " + name + ", removing");
       if (auto removed = storage_->remove(block); !removed) {
-        logger_->error("[StorageCoordinator] Unable to remove block " + name + ": " + removed.error().message());
+        logger_->error("[StorageCoordinator] Unable to remove block " + name + ": " +
+                       removed.error().message());
       }
       return;
     }
     if (!inFlight_.insert(*identity).second) return;  // already on its way
 
     std::weak_ptr<Store> weakStorage = storage_;
-    EventFetcher fetcher = [weakStorage, block]() -> std::expected<std::vector<std::string>, std::error_code> {
+    EventFetcher fetcher = [weakStorage,
+                            block]() -> std::expected<std::vector<std::string>, std::error_code> {
       const auto storage = weakStorage.lock();
       if (!storage) return std::unexpected(make_error_code(StorageError::deallocated));
       auto bytes = storage->read(block);
@@ -206,8 +213,8 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
         if (const auto self = weak.lock()) self->uploaded(block, identity, name, failure);
       });
     };
-    uploadClient_->upload(identity->deviceId, identity->sessionId, identity->sequenceNumber, std::move(fetcher),
-                          std::move(handler));
+    uploadClient_->upload(identity->deviceId, identity->sessionId, identity->sequenceNumber,
+                          std::move(fetcher), std::move(handler));
   }
 
   void uploaded(const Block& block, const BlockIdentity& identity, const std::string& name,
@@ -219,7 +226,8 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     }
     logger_->log("[StorageCoordinator] Successfully uploaded block " + name);
     if (auto removed = storage_->remove(block); !removed) {
-      logger_->error("[StorageCoordinator] Failed to clean up block " + name + ": " + removed.error().message());
+      logger_->error("[StorageCoordinator] Failed to clean up block " + name + ": " +
+                     removed.error().message());
     }
   }
 

@@ -1,14 +1,12 @@
 #include "storage/versioned_event.h"
 
+#include <rapidjson/document.h>
 #include <zlib.h>
 
 #include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
-
-
-#include <rapidjson/document.h>
 
 #include "rrweb/coding.h"
 #include "support/json_writer.h"
@@ -57,7 +55,9 @@ constexpr std::array<std::uint64_t, 256> kLiteralText = [] {
 
 // Room for the literal of `size` bytes: six characters a byte at most, two quotes, and the slack that
 // the last eight-byte store of writeLatin1Literal needs.
-constexpr std::size_t literalCapacity(std::size_t size) { return size * 6 + 2 + 8; }
+constexpr std::size_t literalCapacity(std::size_t size) {
+  return size * 6 + 2 + 8;
+}
 
 // Writes `bytes`, each taken as the Latin-1 character of the same number, as a JSON string literal in
 // UTF-8 at `out`; returns the end. Compressed bytes are close to random, so a branch per byte would
@@ -79,10 +79,14 @@ char* writeLatin1Literal(std::string_view bytes, char* out) {
 std::string describe(const PackFailure& failure) {
   if (const auto* json = std::get_if<JsonEncodingError>(&failure)) return json->description;
   switch (std::get<PackError>(failure)) {
-    case PackError::couldNotBindSourceAddress: return "couldNotBindSourceAddress";
-    case PackError::couldNotBindDestinationAddress: return "couldNotBindDestinationAddress";
-    case PackError::failedToCompress: return "failedToCompress";
-    case PackError::badEncoding: return "badEncoding";
+    case PackError::couldNotBindSourceAddress:
+      return "couldNotBindSourceAddress";
+    case PackError::couldNotBindDestinationAddress:
+      return "couldNotBindDestinationAddress";
+    case PackError::failedToCompress:
+      return "failedToCompress";
+    case PackError::badEncoding:
+      return "badEncoding";
   }
   return "unknown";
 }
@@ -127,9 +131,12 @@ std::expected<std::string_view, PackFailure> EventPacker::pack(const rrweb::Even
 
 std::string_view describe(UnpackError error) {
   switch (error) {
-    case UnpackError::notAStringLiteral: return "notAStringLiteral";
-    case UnpackError::notLatin1: return "notLatin1";
-    case UnpackError::inflateFailed: return "inflateFailed";
+    case UnpackError::notAStringLiteral:
+      return "notAStringLiteral";
+    case UnpackError::notLatin1:
+      return "notLatin1";
+    case UnpackError::inflateFailed:
+      return "inflateFailed";
   }
   return "unknown";
 }

@@ -41,7 +41,9 @@ inline unsigned firstSpecialOf16(const char* p, char* copy) {
 constexpr std::uint64_t kOnes = 0x0101010101010101ull;
 constexpr std::uint64_t kHighBits = 0x8080808080808080ull;
 
-constexpr std::uint64_t zeroByteMask(std::uint64_t word) { return (word - kOnes) & ~word & kHighBits; }
+constexpr std::uint64_t zeroByteMask(std::uint64_t word) {
+  return (word - kOnes) & ~word & kHighBits;
+}
 
 inline unsigned firstSpecialOf16(const char* p, char* copy) {
   static_assert(std::endian::native == std::endian::little);
@@ -114,8 +116,12 @@ void appendJsonStringContent(std::string& out, std::string_view value) {
   });
 }
 
-bool appendShortestNumber(std::string& out, double value) { return appendShortest(out, value); }
-bool appendShortestNumber(std::string& out, float value) { return appendShortest(out, value); }
+bool appendShortestNumber(std::string& out, double value) {
+  return appendShortest(out, value);
+}
+bool appendShortestNumber(std::string& out, float value) {
+  return appendShortest(out, value);
+}
 
 void JsonWriter::separate() {
   if (needsComma_) out_.push_back(',');
@@ -172,7 +178,9 @@ void JsonWriter::plainKey(std::string_view name) {
   needsComma_ = false;
 }
 
-void JsonWriter::string(std::string_view value) { writeString(value); }
+void JsonWriter::string(std::string_view value) {
+  writeString(value);
+}
 
 void JsonWriter::writeString(std::string_view value) {
   append(value.size() * kMaxEscapedLength + 2, [value](char* p) {

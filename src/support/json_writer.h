@@ -69,15 +69,24 @@ void appendJsonStringContent(std::string& out, std::string_view value);
 // ready before any other static initializer runs.
 [[nodiscard]] constexpr char jsonEscapeFor(unsigned char byte) {
   switch (byte) {
-    case '\b': return 'b';
-    case '\f': return 'f';
-    case '\n': return 'n';
-    case '\r': return 'r';
-    case '\t': return 't';
-    case '"': return '"';
-    case '\\': return '\\';
-    case '/': return '/';
-    default: return byte < 0x20 ? 'u' : 0;
+    case '\b':
+      return 'b';
+    case '\f':
+      return 'f';
+    case '\n':
+      return 'n';
+    case '\r':
+      return 'r';
+    case '\t':
+      return 't';
+    case '"':
+      return '"';
+    case '\\':
+      return '\\';
+    case '/':
+      return '/';
+    default:
+      return byte < 0x20 ? 'u' : 0;
   }
 }
 

@@ -82,8 +82,9 @@ class UploadClient;
 // One block's upload: fetch its events, send them, retry transient failures, report once.
 class UploadOperation final : public AsyncOperation, public std::enable_shared_from_this<UploadOperation> {
  public:
-  UploadOperation(std::string deviceId, std::int64_t sessionId, std::int64_t sequenceNumber, EventFetcher eventFetcher,
-                  ResponseHandler responseHandler, std::weak_ptr<UploadClient> uploadClient);
+  UploadOperation(std::string deviceId, std::int64_t sessionId, std::int64_t sequenceNumber,
+                  EventFetcher eventFetcher, ResponseHandler responseHandler,
+                  std::weak_ptr<UploadClient> uploadClient);
 
   void start() override;
   void cancel() override;
@@ -91,7 +92,8 @@ class UploadOperation final : public AsyncOperation, public std::enable_shared_f
  private:
   void send(platform::HttpRequest request, int attemptsLeft);
   void finish(std::optional<UploadFailure> outcome);
-  void handleCompletion(const platform::HttpRequest& request, int attemptsLeft, platform::HttpCompletion completion);
+  void handleCompletion(const platform::HttpRequest& request, int attemptsLeft,
+                        platform::HttpCompletion completion);
 
   const std::string deviceId_;
   const std::int64_t sessionId_;
@@ -131,8 +133,8 @@ class UploadClient final : public BlockUploader, public std::enable_shared_from_
                                                           std::shared_ptr<Queue> queue);
   ~UploadClient() override;
 
-  void upload(std::string deviceId, std::int64_t sessionId, std::int64_t sequenceNumber, EventFetcher eventFetcher,
-              ResponseHandler responseHandler) override;
+  void upload(std::string deviceId, std::int64_t sessionId, std::int64_t sequenceNumber,
+              EventFetcher eventFetcher, ResponseHandler responseHandler) override;
   void onConnectivityRestored(std::function<void()> restored) override;
 
   void setOptOut(bool optOut) { optOut_ = optOut; }
@@ -142,10 +144,9 @@ class UploadClient final : public BlockUploader, public std::enable_shared_from_
   // The POST of one block: query keys device_id, session_id, seq_number, mobile_translation; the
   // common headers, then "Authorization" and "X-Client-Sample-Rate"; the body
   // {"version":2,"events":[...]} with each packed event as one string.
-  [[nodiscard]] std::expected<platform::HttpRequest, HttpError> makeRequest(const std::string& deviceId,
-                                                                           std::int64_t sessionId,
-                                                                           std::int64_t sequenceNumber,
-                                                                           const std::vector<std::string>& events) const;
+  [[nodiscard]] std::expected<platform::HttpRequest, HttpError> makeRequest(
+      const std::string& deviceId, std::int64_t sessionId, std::int64_t sequenceNumber,
+      const std::vector<std::string>& events) const;
 
   // Whether the lane is held (offline); for tests.
   [[nodiscard]] bool isSuspended() const;

@@ -1,9 +1,9 @@
+#include "facade/sample.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
-
-#include "facade/sample.h"
 
 namespace verdalune::sessionreplay {
 namespace {
@@ -16,14 +16,14 @@ struct Case {
 
 TEST(Sample, ComparesTheHashFractionStrictlyWithTheRate) {
   const Case cases[] = {
-      {1, 0.19f},                                       // "1": h = 49, m = 1519
-      {0, 0.88f},                                       //
-      {-1, 0.64f},                                      // the sign is hashed as '-'
-      {-42, 0.17f},                                     //
-      {123456789, 0.27f},                               //
-      {1700000000000, 0.10f},                           // a millisecond timestamp, the usual session id
+      {1, 0.19f},              // "1": h = 49, m = 1519
+      {0, 0.88f},              //
+      {-1, 0.64f},             // the sign is hashed as '-'
+      {-42, 0.17f},            //
+      {123456789, 0.27f},      //
+      {1700000000000, 0.10f},  // a millisecond timestamp, the usual session id
       {std::numeric_limits<std::int64_t>::max(), 0.74f},
-      {5567713808534132990, -0.30f},                    // h × 31 wraps to a negative number
+      {5567713808534132990, -0.30f},  // h × 31 wraps to a negative number
       {std::numeric_limits<std::int64_t>::min(), -0.18f},
   };
   for (const auto& [sessionId, fraction] : cases) {

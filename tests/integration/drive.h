@@ -23,7 +23,8 @@ inline bool driveUntil(ManualQueue& queue, const std::function<bool()>& done,
 }
 
 // The same for work on real queues: waits until `done` holds, polling; false once `limit` has passed.
-inline bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(30)) {
+inline bool waitUntil(const std::function<bool()>& done,
+                      std::chrono::milliseconds limit = std::chrono::seconds(30)) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!done()) {
     if (std::chrono::steady_clock::now() > deadline) return false;

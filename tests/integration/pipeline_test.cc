@@ -17,7 +17,9 @@ namespace {
 
 class SilentLogger final : public Logger {
  public:
-  void error(std::string_view message) override { std::fprintf(stderr, "%.*s\n", int(message.size()), message.data()); }
+  void error(std::string_view message) override {
+    std::fprintf(stderr, "%.*s\n", int(message.size()), message.data());
+  }
   void warn(std::string_view) override {}
   void log(std::string_view) override {}
   void debug(std::string_view) override {}
@@ -25,7 +27,8 @@ class SilentLogger final : public Logger {
 
 // One run of the app: its queues, upload client and coordinator over the shared folder and defaults.
 struct Recorder {
-  Recorder(const std::string& trackUrl, const std::filesystem::path& folder, std::shared_ptr<DefaultsStore> defaults) {
+  Recorder(const std::string& trackUrl, const std::filesystem::path& folder,
+           std::shared_ptr<DefaultsStore> defaults) {
     auto logger = std::make_shared<SilentLogger>();
     uploadClient = UploadClient::make({.apiKey = "test-key", .serverUrl = trackUrl, .logger = logger},
                                       CurlTransport::create().value(), std::make_shared<ManualPathMonitor>(),
@@ -42,7 +45,8 @@ struct Recorder {
     ASSERT_TRUE(testing::waitUntil([&] { return done.load(); }));
   }
 
-  std::shared_ptr<SerialQueue> storageQueue = std::make_shared<SerialQueue>("com.verdalune.sessionreplay.storage");
+  std::shared_ptr<SerialQueue> storageQueue =
+      std::make_shared<SerialQueue>("com.verdalune.sessionreplay.storage");
   std::shared_ptr<UploadClient> uploadClient;
   std::shared_ptr<PersistentStorage> storage;
   std::shared_ptr<StorageCoordinator<PersistentStorage>> coordinator;
@@ -51,8 +55,10 @@ struct Recorder {
 rrweb::Event event(int i) {
   rrweb::MutationData mutation;
   mutation.attributes.push_back(rrweb::AttributeMutation{
-      .id = 100 + i % 50, .attributes = {{"style", rrweb::JSONValue("left: " + std::to_string(i) + "px; top: 3px")}}});
-  return rrweb::IncrementalSnapshotEvent{.timestamp = 1700000000000 + i, .data = rrweb::IncrementalData(mutation)};
+      .id = 100 + i % 50,
+      .attributes = {{"style", rrweb::JSONValue("left: " + std::to_string(i) + "px; top: 3px")}}});
+  return rrweb::IncrementalSnapshotEvent{.timestamp = 1700000000000 + i,
+                                         .data = rrweb::IncrementalData(mutation)};
 }
 
 TEST(Pipeline, EveryEventReachesTheCollectorExactlyOnceAcrossARestart) {

@@ -1,3 +1,5 @@
+#include "upload/upload_client.h"
+
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -8,7 +10,6 @@
 #include "support/json_writer.h"
 #include "upload/curl_transport.h"
 #include "upload/path_monitor.h"
-#include "upload/upload_client.h"
 
 namespace verdalune::sessionreplay {
 namespace {
@@ -42,7 +43,8 @@ std::vector<std::string> packedEvents() {
   EventPacker packer;
   std::vector<std::string> events;
   for (std::int64_t timestamp : {1, 2}) {
-    events.emplace_back(packer.pack(rrweb::MetaEvent{.timestamp = timestamp, .href = "h", .width = 1, .height = 2}).value());
+    events.emplace_back(
+        packer.pack(rrweb::MetaEvent{.timestamp = timestamp, .href = "h", .width = 1, .height = 2}).value());
   }
   return events;
 }
@@ -67,14 +69,17 @@ class UploadClientTest : public ::testing::Test {
 
   // Hands one block to the client; its answer lands in `outcome`.
   void upload(UploadClient& client, std::int64_t sessionId = 1700000000000) {
-    client.upload("device-1", sessionId, 3, [] { return kEvents; },
-                  [this](std::optional<UploadFailure> failure) {
-                    ++answers_;
-                    outcome_ = std::move(failure);
-                  });
+    client.upload(
+        "device-1", sessionId, 3, [] { return kEvents; },
+        [this](std::optional<UploadFailure> failure) {
+          ++answers_;
+          outcome_ = std::move(failure);
+        });
   }
 
-  bool answered() { return driveUntil(*queue_, [this] { return answers_ > 0; }); }
+  bool answered() {
+    return driveUntil(*queue_, [this] { return answers_ > 0; });
+  }
   std::size_t requestCount() const { return collector_->requests().size(); }
 
   std::unique_ptr<CollectorProcess> collector_;
@@ -151,8 +156,8 @@ TEST_F(UploadClientTest, TimeOutsAreTriedThreeTimesThenReported) {
   for (int attempt = 1; attempt <= 2; ++attempt) {
     ASSERT_TRUE(driveUntil(*queue_, [&] {
       const auto lines = logger_->lines();
-      return std::count(lines.begin(), lines.end(), "error: [UploadClient] failed to upload: connectionFailed") ==
-             attempt;
+      return std::count(lines.begin(), lines.end(),
+                        "error: [UploadClient] failed to upload: connectionFailed") == attempt;
     }));
     EXPECT_EQ(answers_, 0);
     queue_->advance(30s);
@@ -213,8 +218,9 @@ TEST(UploadRequest, AnEndpointThatIsNotAUrlFailsAsInvalidUrl) {
   auto transport = std::shared_ptr<platform::HttpTransport>(CurlTransport::create().value());
   auto queue = std::make_shared<ManualQueue>("upload", std::make_shared<ManualClock>());
   for (const char* endpoint : {"not a url", "no-scheme.example/track"}) {
-    auto client = UploadClient::make({.apiKey = "k", .serverUrl = endpoint, .logger = std::make_shared<RecordingLogger>()},
-                                     transport, std::make_shared<ManualPathMonitor>(), queue);
+    auto client = UploadClient::make(
+        {.apiKey = "k", .serverUrl = endpoint, .logger = std::make_shared<RecordingLogger>()}, transport,
+        std::make_shared<ManualPathMonitor>(), queue);
     EXPECT_EQ(client->makeRequest("d", 1, 1, {}).error(), HttpError::invalidURL) << endpoint;
   }
   EXPECT_EQ(sampleRateText(1.0f), "1.0");

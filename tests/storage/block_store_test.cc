@@ -18,7 +18,7 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
 }
 
 unsigned permissions(const fs::path& path) {
-  struct stat status{};
+  struct stat status {};
   EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
   return status.st_mode & 0777;
 }
@@ -26,9 +26,8 @@ unsigned permissions(const fs::path& path) {
 class PersistentStorageTest : public testing::Test {
  protected:
   void SetUp() override {
-    root_ = fs::temp_directory_path() /
-            ("vdl-storage-" + std::to_string(::getpid()) + "-" +
-             testing::UnitTest::GetInstance()->current_test_info()->name());
+    root_ = fs::temp_directory_path() / ("vdl-storage-" + std::to_string(::getpid()) + "-" +
+                                         testing::UnitTest::GetInstance()->current_test_info()->name());
     fs::remove_all(root_);
   }
   void TearDown() override { fs::remove_all(root_); }
@@ -40,7 +39,9 @@ TEST_F(PersistentStorageTest, BlocksAreFilesNamedByIdentityInPrivateFolders) {
   PersistentStorage storage("api-key", root_ / "Application Support");
   const auto block = storage.create({"device-1", 1700000000000, 3});
   ASSERT_TRUE(block.has_value());
-  EXPECT_EQ(*block, root_ / "Application Support/com.verdalune.sessionreplay/api-key/device-1_1700000000000_3.replay");
+  EXPECT_EQ(
+      *block,
+      root_ / "Application Support/com.verdalune.sessionreplay/api-key/device-1_1700000000000_3.replay");
   EXPECT_EQ(storage.describe(*block), "device-1_1700000000000_3.replay");
 
   auto stream = storage.openOutputStream(*block);
@@ -115,12 +116,12 @@ TEST(BlockFileNames, WithoutThreeParsablePartsAreUnreadable) {
 TEST(BlockReading, KeepsWholeRecordsInOrderAndSkipsTornOrBrokenOnes) {
   const std::string bytes =
       "\"first\"\n"
-      "\n"                         // empty record
-      "\"caf\xc3\xa9 \\\" x\"\n"   // UTF-8 and an escaped quote inside
-      "\"bad \xff utf8\"\n"        // not UTF-8
-      "\"half\"\"of\"\n"           // two literals run together: a torn write followed by a new one
+      "\n"                        // empty record
+      "\"caf\xc3\xa9 \\\" x\"\n"  // UTF-8 and an escaped quote inside
+      "\"bad \xff utf8\"\n"       // not UTF-8
+      "\"half\"\"of\"\n"          // two literals run together: a torn write followed by a new one
       "\"last\"\n"
-      "\"torn by a cra";           // no line feed: the process died mid-write
+      "\"torn by a cra";  // no line feed: the process died mid-write
   EXPECT_EQ(packedEventsFromBlock(bytes),
             (std::vector<std::string>{"\"first\"", "\"caf\xc3\xa9 \\\" x\"", "\"last\""}));
   EXPECT_TRUE(packedEventsFromBlock("").empty());

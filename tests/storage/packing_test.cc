@@ -36,9 +36,8 @@ TEST(Packing, WritesOneStringLiteralOfCompressedSortedKeyJson) {
 
   const auto json = unpackEvent(*packed);
   ASSERT_TRUE(json.has_value()) << describe(json.error());
-  EXPECT_EQ(*json,
-            R"({"data":{"height":844.5,"href":"https:\/\/example.com\/a","width":390},)"
-            R"("timestamp":1700000000000,"type":4,"v":"v1"})");
+  EXPECT_EQ(*json, R"({"data":{"height":844.5,"href":"https:\/\/example.com\/a","width":390},)"
+                   R"("timestamp":1700000000000,"type":4,"v":"v1"})");
 }
 
 TEST(Packing, EveryCompressedByteSurvivesTheLiteral) {
@@ -55,7 +54,8 @@ TEST(Packing, EveryCompressedByteSurvivesTheLiteral) {
 
 TEST(Packing, NumbersJsonCannotHoldFailAsEncodingErrors) {
   EventPacker packer;
-  auto event = rrweb::MetaEvent{.timestamp = 1, .href = "x", .width = std::numeric_limits<double>::quiet_NaN()};
+  auto event =
+      rrweb::MetaEvent{.timestamp = 1, .href = "x", .width = std::numeric_limits<double>::quiet_NaN()};
   const auto packed = packer.pack(event);
   ASSERT_FALSE(packed.has_value());
   EXPECT_TRUE(std::holds_alternative<JsonEncodingError>(packed.error()));
@@ -84,7 +84,8 @@ TEST(Packing, ABlockOfManyEventsReadsBackInOrder) {
   for (int i = 0; i < 200; ++i) {
     written.push_back(i % 2 ? noisyEvent(i) : meta("https://example.com/" + std::to_string(i)));
     std::string record = std::string(packer.pack(written.back()).value()) + "\n";
-    ASSERT_TRUE(stream.write({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()}).has_value());
+    ASSERT_TRUE(
+        stream.write({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()}).has_value());
   }
   ASSERT_TRUE(stream.close().has_value());
 

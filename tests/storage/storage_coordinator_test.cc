@@ -1,8 +1,9 @@
+#include "storage/storage_coordinator.h"
+
 #include <gtest/gtest.h>
 
 #include "rrweb/coding.h"
 #include "storage/in_memory_storage.h"
-#include "storage/storage_coordinator.h"
 
 namespace verdalune::sessionreplay {
 namespace {
@@ -26,12 +27,15 @@ class RecordingUploader final : public BlockUploader {
     EventFetcher fetch;
     ResponseHandler respond;
   };
-  void upload(std::string deviceId, std::int64_t sessionId, std::int64_t sequenceNumber, EventFetcher eventFetcher,
-              ResponseHandler responseHandler) override {
-    uploads.push_back({{std::move(deviceId), sessionId, sequenceNumber}, std::move(eventFetcher),
+  void upload(std::string deviceId, std::int64_t sessionId, std::int64_t sequenceNumber,
+              EventFetcher eventFetcher, ResponseHandler responseHandler) override {
+    uploads.push_back({{std::move(deviceId), sessionId, sequenceNumber},
+                       std::move(eventFetcher),
                        std::move(responseHandler)});
   }
-  void onConnectivityRestored(std::function<void()> restored) override { restoredHandlers.push_back(restored); }
+  void onConnectivityRestored(std::function<void()> restored) override {
+    restoredHandlers.push_back(restored);
+  }
 
   std::vector<BlockIdentity> identities() const {
     std::vector<BlockIdentity> result;
@@ -96,10 +100,13 @@ TEST_F(StorageCoordinatorTest, NumberingRestartsForANewSessionAndSurvivesARestar
   queue_->runUntilIdle();
 
   EXPECT_EQ(uploader_->identities(), (std::vector<BlockIdentity>{
-                                         {"device", 1, 1}, {"device", 1, 2},  // closed while running
+                                         {"device", 1, 1},
+                                         {"device", 1, 2},  // closed while running
                                          // At the restart, every stored block in order: the two whose
                                          // uploads died with the old process, and the open one.
-                                         {"device", 1, 1}, {"device", 1, 2}, {"device", 2, 1},
+                                         {"device", 1, 1},
+                                         {"device", 1, 2},
+                                         {"device", 2, 1},
                                          {"device", 2, 2},  // numbering went on
                                      }));
 }
@@ -124,7 +131,8 @@ TEST_F(StorageCoordinatorTest, ABlockIsNeverInTwoUploadsAtOnce) {
 
 TEST_F(StorageCoordinatorTest, StoredBlocksAreOfferedInOrderAndUnreadableOnesRemoved) {
   // Left by earlier runs, in no particular order.
-  for (const BlockIdentity& identity : {BlockIdentity{"b", 1, 2}, BlockIdentity{"a", 9, 1}, BlockIdentity{"b", 1, 1}}) {
+  for (const BlockIdentity& identity :
+       {BlockIdentity{"b", 1, 2}, BlockIdentity{"a", 9, 1}, BlockIdentity{"b", 1, 1}}) {
     (void)storage_->create(identity);
   }
   start();
@@ -168,12 +176,14 @@ TEST_F(StorageCoordinatorTest, ARecordLargerThanABlockIsWrittenAloneInAFreshOne)
     noise.push_back(static_cast<char>('!' + (state >> 24) % 90));
   }
   coordinator_->write(metaEvent(1), "device", 1);
-  coordinator_->write(rrweb::CustomEvent{.timestamp = 2, .tag = "big", .payload = rrweb::JSONValue(noise)}, "device", 1);
+  coordinator_->write(rrweb::CustomEvent{.timestamp = 2, .tag = "big", .payload = rrweb::JSONValue(noise)},
+                      "device", 1);
   coordinator_->write(metaEvent(3), "device", 1);
   queue_->runUntilIdle();
 
   EXPECT_EQ(uploader_->identities(), (std::vector<BlockIdentity>{{"device", 1, 1}, {"device", 1, 2}}));
-  EXPECT_GT(storage_->read({"device", 1, 2}).value().size(), StorageCoordinator<InMemoryStorage>::kMaxBlockBytes);
+  EXPECT_GT(storage_->read({"device", 1, 2}).value().size(),
+            StorageCoordinator<InMemoryStorage>::kMaxBlockBytes);
   EXPECT_EQ(packedEventsFromBlock(storage_->read({"device", 1, 2}).value()).size(), 1u);
 }
 

@@ -1,10 +1,10 @@
+#include "support/json_writer.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdio>
 #include <limits>
-
-#include "support/json_writer.h"
 
 namespace verdalune::sessionreplay {
 namespace {
@@ -15,14 +15,30 @@ std::string referenceLiteral(std::string_view value) {
   for (const char c : value) {
     const auto byte = static_cast<unsigned char>(c);
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '/': out += "\\/"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '/':
+        out += "\\/";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
       default:
         if (byte < 0x20) {
           char escaped[8];
@@ -79,7 +95,8 @@ TEST(JsonWriter, SeparatesValuesAndKeys) {
 
 TEST(JsonWriter, NumbersAreShortestExactTextAndNonFiniteOnesFail) {
   const std::pair<double, const char*> doubles[] = {
-      {390, "390"}, {0.1, "0.1"}, {1.0 / 3, "0.3333333333333333"}, {-0.0, "-0"}, {1e21, "1e+21"}, {5e-324, "5e-324"}};
+      {390, "390"}, {0.1, "0.1"},    {1.0 / 3, "0.3333333333333333"},
+      {-0.0, "-0"}, {1e21, "1e+21"}, {5e-324, "5e-324"}};
   for (const auto& [value, text] : doubles) {
     std::string out;
     JsonWriter(out).number(value);

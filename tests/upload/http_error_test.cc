@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "upload/http_error.h"
+
+#include <gtest/gtest.h>
 
 namespace verdalune::sessionreplay {
 namespace {
@@ -11,7 +11,9 @@ HttpFailure failureFor(std::optional<HttpResponse> response, std::optional<Trans
   return result ? HttpFailure(HttpError::invalidResponse) : result.error();
 }
 
-HttpFailure failureForStatus(int status) { return failureFor(HttpResponse{status}); }
+HttpFailure failureForStatus(int status) {
+  return failureFor(HttpResponse{status});
+}
 
 TEST(HttpClassification, SuccessIsAny2xxWithItsBodyIfAny) {
   for (int status : {200, 201, 204, 299}) {
@@ -64,9 +66,9 @@ TEST(HttpClassification, OnlyTransientCasesAreRetried) {
                      HttpError::rateLimited, HttpError::timeout}) {
     EXPECT_TRUE(isRetryable(error)) << describe(error);
   }
-  for (auto error : {HttpError::offline, HttpError::invalidRequest, HttpError::requestFailed,
-                     HttpError::payloadTooLarge, HttpError::quotaExceeded, HttpError::cancelled,
-                     HttpError::unknown, HttpError::invalidURL}) {
+  for (auto error :
+       {HttpError::offline, HttpError::invalidRequest, HttpError::requestFailed, HttpError::payloadTooLarge,
+        HttpError::quotaExceeded, HttpError::cancelled, HttpError::unknown, HttpError::invalidURL}) {
     EXPECT_FALSE(isRetryable(error)) << describe(error);
   }
   EXPECT_FALSE(isRetryable(TransportError{-1011, "bad server response"}));

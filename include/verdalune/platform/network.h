@@ -56,7 +56,8 @@ class HttpTask {
 class HttpTransport {
  public:
   virtual ~HttpTransport() = default;
-  virtual std::shared_ptr<HttpTask> send(HttpRequest request, std::function<void(HttpCompletion)> completion) = 0;
+  virtual std::shared_ptr<HttpTask> send(HttpRequest request,
+                                         std::function<void(HttpCompletion)> completion) = 0;
 };
 
 enum class PathStatus { satisfied, unsatisfied, requiresConnection };
