@@ -9,8 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -18,7 +18,6 @@
 #include <thread>
 
 #include "support/files.h"
-#include "support/json_writer.h"
 
 extern char** environ;
 
@@ -26,32 +25,12 @@ namespace verdalune::sessionreplay::testing {
 namespace {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
-constexpr auto kStartTimeout = 10s;
-constexpr auto kStopTimeout = 10s;
-constexpr auto kPollInterval = 10ms;
 constexpr std::string_view kListening = "listening on http://127.0.0.1:";
 
 std::string readLog(const std::filesystem::path& folder) {
   return readWholeFile(folder / "collector.log").value_or("");
-}
-
-// The port from the collector's first line once it is complete.
-std::optional<int> listeningPort(const std::string& log) {
-  if (!log.starts_with(kListening)) return std::nullopt;
-  const auto end = log.find('\n');
-  if (end == std::string::npos) return std::nullopt;
-  return std::atoi(log.c_str() + kListening.size());
-}
-
-// Reaps the child; false if it is still running after `timeout`.
-bool waitForExit(pid_t pid, int& status, std::chrono::steady_clock::duration timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(kPollInterval);
-  }
-  return true;
 }
 
 std::string describeWaitStatus(int status) {
@@ -64,46 +43,42 @@ void stopProcess(pid_t pid, int lifeline, const std::filesystem::path& folder) {
   close(lifeline);
   kill(pid, SIGTERM);
   int status = 0;
-  if (!waitForExit(pid, status, kStopTimeout)) {
-    std::cerr << "vdl-collector did not stop on SIGTERM; killing it\n";
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-  } else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+  for (const auto deadline = Clock::now() + 10s; waitpid(pid, &status, WNOHANG) == 0;) {
+    if (Clock::now() > deadline) {
+      std::cerr << "vdl-collector did not stop on SIGTERM; killing it\n";
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      return;
+    }
+    std::this_thread::sleep_for(10ms);
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     std::cerr << "vdl-collector ended with " << describeWaitStatus(status) << "; its log:\n"
               << readLog(folder);
   }
 }
 
-std::string describeFailure(std::string_view what, const httplib::Result& result) {
-  std::string reason = "vdl-collector: " + std::string(what) + ": ";
-  if (!result) return reason + httplib::to_string(result.error());
-  return reason + "status " + std::to_string(result->status) + " " + result->body;
-}
-
-// A client for paths this file has encoded already.
-std::unique_ptr<httplib::Client> clientFor(int port) {
-  auto client = std::make_unique<httplib::Client>("127.0.0.1", port);
-  client->set_connection_timeout(5s);
-  client->set_read_timeout(10s);
-  client->set_url_encode(false);
-  return client;
-}
-
-// One control exchange with the collector; throws unless it answers 200.
+// One control exchange with the collector on paths this file has encoded already; throws unless it
+// answers 200 (or 404, when that is allowed).
 std::string exchange(int port, const std::string& method, const std::string& path,
-                     const std::string& body = "") {
-  const auto client = clientFor(port);
-  const auto result = method == "GET" ? client->Get(path) : client->Post(path, body, "application/json");
-  if (!result || result->status != 200)
-    throw std::runtime_error(describeFailure(method + " " + path, result));
-  return result->body;
+                     const std::string& body = "", bool allowNotFound = false) {
+  httplib::Client client("127.0.0.1", port);
+  client.set_connection_timeout(5s);
+  client.set_read_timeout(10s);
+  client.set_url_encode(false);
+  const auto result = method == "GET" ? client.Get(path) : client.Post(path, body, "application/json");
+  if (result && result->status == 404 && allowNotFound) return "[]";
+  if (result && result->status == 200) return result->body;
+  throw std::runtime_error("vdl-collector: " + method + " " + path + ": " +
+                           (result ? "status " + std::to_string(result->status) + " " + result->body
+                                   : httplib::to_string(result.error())));
 }
 
-rapidjson::Document parseArray(const std::string& json, std::string_view what) {
+rapidjson::Document parseArray(const std::string& json) {
   rapidjson::Document document;
   document.Parse(json.data(), json.size());
   if (document.HasParseError() || !document.IsArray())
-    throw std::runtime_error("vdl-collector: " + std::string(what) + " is not a JSON array: " + json);
+    throw std::runtime_error("vdl-collector: not a JSON array: " + json);
   return document;
 }
 
@@ -127,7 +102,7 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start() {
 std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
   std::string folderTemplate = (std::filesystem::temp_directory_path() / "vdl-collector-XXXXXX").string();
   if (!mkdtemp(folderTemplate.data())) {
-    std::perror("vdl-collector: cannot make a temporary folder");
+    std::cerr << "vdl-collector: cannot make a temporary folder: " << std::strerror(errno) << "\n";
     return nullptr;
   }
   const std::filesystem::path folder = folderTemplate;
@@ -169,22 +144,22 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
     return giveUp(std::string("cannot start ") + VDL_COLLECTOR_PATH + ": " + std::strerror(spawned));
   }
 
-  const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
-  while (true) {
+  // Up once its first line, which names the port, is complete.
+  for (const auto deadline = Clock::now() + 10s;; std::this_thread::sleep_for(10ms)) {
     const std::string log = readLog(folder);
-    if (const auto port = listeningPort(log)) {
-      return std::unique_ptr<CollectorProcess>(new CollectorProcess(pid, lifeline[1], folder, *port));
+    if (log.starts_with(kListening) && log.find('\n') != std::string::npos) {
+      const int port = std::atoi(log.c_str() + kListening.size());
+      return std::unique_ptr<CollectorProcess>(new CollectorProcess(pid, lifeline[1], folder, port));
     }
     int status = 0;
     if (waitpid(pid, &status, WNOHANG) == pid) {
       close(lifeline[1]);
       return giveUp("ended with " + describeWaitStatus(status) + " before listening; its log:\n" + log);
     }
-    if (std::chrono::steady_clock::now() > deadline) {
+    if (Clock::now() > deadline) {
       stopProcess(pid, lifeline[1], folder);
       return giveUp("did not start listening in time; its log:\n" + log);
     }
-    std::this_thread::sleep_for(kPollInterval);
   }
 }
 
@@ -205,43 +180,25 @@ std::string CollectorProcess::configUrl() const {
 }
 
 void CollectorProcess::injectFaults(const std::vector<Fault>& faults) {
-  // Only the members a fault sets: the collector takes a missing member as "none", and refuses status 0.
-  std::string json;
-  JsonWriter writer(json);
-  writer.beginArray();
+  // The collector refuses status 0, so a fault without a status leaves the member out.
+  std::string json = "[";
   for (const auto& fault : faults) {
-    writer.beginObject();
-    if (fault.delayMs != 0) {
-      writer.plainKey("delay_ms");
-      writer.integer(fault.delayMs);
-    }
-    if (fault.drop) {
-      writer.plainKey("drop");
-      writer.boolean(true);
-    }
-    if (fault.status != 0) {
-      writer.plainKey("status");
-      writer.integer(fault.status);
-    }
-    writer.endObject();
+    json += (json.size() > 1 ? "," : "") + std::string(R"({"delay_ms":)") + std::to_string(fault.delayMs) +
+            R"(,"drop":)" + (fault.drop ? "true" : "false") +
+            (fault.status ? R"(,"status":)" + std::to_string(fault.status) : "") + "}";
   }
-  writer.endArray();
-  exchange(port_, "POST", "/_control/faults", json);
+  exchange(port_, "POST", "/_control/faults", json + "]");
 }
 
 std::vector<ReceivedRequest> CollectorProcess::requests() const {
-  const auto document = parseArray(exchange(port_, "GET", "/_control/requests"), "the request record");
   std::vector<ReceivedRequest> requests;
+  const auto document = parseArray(exchange(port_, "GET", "/_control/requests"));
   for (const auto& entry : document.GetArray()) {
-    ReceivedRequest request;
-    request.method = stringOf(entry["method"]);
-    request.path = stringOf(entry["path"]);
-    request.query = stringOf(entry["query"]);
+    std::vector<std::pair<std::string, std::string>> headers;
     for (const auto& header : entry["headers"].GetArray())
-      request.headers.emplace_back(stringOf(header[0]), stringOf(header[1]));
-    request.body = stringOf(entry["body"]);
-    request.status = entry["status"].GetInt();
-    requests.push_back(std::move(request));
+      headers.emplace_back(stringOf(header[0]), stringOf(header[1]));
+    requests.push_back({stringOf(entry["method"]), stringOf(entry["path"]), stringOf(entry["query"]),
+                        std::move(headers), stringOf(entry["body"]), entry["status"].GetInt()});
   }
   return requests;
 }
@@ -254,10 +211,7 @@ std::vector<std::string> CollectorProcess::sessionEvents(const std::string& devi
                                                          std::int64_t sessionId) const {
   const std::string path = "/sessions/" + httplib::detail::encode_query_param(deviceId) + "/" +
                            std::to_string(sessionId) + "/events?as=text";
-  const auto result = clientFor(port_)->Get(path);
-  if (result && result->status == 404) return {};
-  if (!result || result->status != 200) throw std::runtime_error(describeFailure("GET " + path, result));
-  const auto document = parseArray(result->body, "the session's events");
+  const auto document = parseArray(exchange(port_, "GET", path, "", true));
   std::vector<std::string> events;
   for (const auto& event : document.GetArray()) events.push_back(stringOf(event));
   return events;

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include "support/base64.h"
@@ -22,46 +23,39 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
 using Found = JsonFileDefaultsStore::Found;
+using Value = std::variant<std::int64_t, std::string, Bytes>;
 
 Bytes bytesOf(std::string_view text) {
   return Bytes(text.begin(), text.end());
 }
 
-TEST(Base64Test, EncodesAndDecodesTheStandardVectors) {
-  const std::pair<std::string_view, std::string_view> vectors[] = {
-      {"", ""},
-      {"f", "Zg=="},
-      {"fo", "Zm8="},
-      {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="},
-      {"fooba", "Zm9vYmE="},
-      {"foobar", "Zm9vYmFy"},
-  };
-  for (const auto& [plain, encoded] : vectors) {
-    EXPECT_EQ(base64Encode(bytesOf(plain)), encoded);
-    EXPECT_EQ(base64Decode(encoded), bytesOf(plain)) << encoded;
+TEST(Base64Test, EncodesTheStandardVectorsAndRejectsTextItWouldNeverWrite) {
+  // The standard vectors: the prefixes of "foobar".
+  const std::string_view encoded[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};
+  for (std::size_t length = 0; length < std::size(encoded); ++length) {
+    const Bytes plain = bytesOf(std::string_view("foobar").substr(0, length));
+    EXPECT_EQ(base64Encode(plain), encoded[length]);
+    EXPECT_EQ(base64Decode(encoded[length]), plain) << encoded[length];
   }
-}
-
-TEST(Base64Test, RejectsTextItWouldNeverWrite) {
   for (std::string_view text :
        {"Zg", "Zg=", "Z===", "====", "Zg==Zg==", "=Zg=", "Zm9v\n", "Zm-v", "Zh==", "Zm9="}) {
     EXPECT_EQ(base64Decode(text), std::nullopt) << text;
   }
 }
 
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string pattern = (fs::temp_directory_path() / "vdl-defaults-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~TemporaryFolder() { fs::remove_all(path_); }
-  const fs::path& path() const { return path_; }
+// The value under `key` whatever its type; a key that reads as more than one type fails the test.
+std::optional<Value> read(const DefaultsStore& store, std::string_view key) {
+  std::vector<Value> found;
+  if (auto value = store.integer(key)) found.emplace_back(*value);
+  if (auto value = store.string(key)) found.emplace_back(*value);
+  if (auto value = store.bytes(key)) found.emplace_back(*value);
+  EXPECT_LE(found.size(), 1u) << key << " reads as more than one type";
+  return found.empty() ? std::nullopt : std::optional(found.front());
+}
 
- private:
-  fs::path path_;
-};
+bool write(DefaultsStore& store, std::string_view key, const Value& value) {
+  return std::visit([&](const auto& v) { return store.set(key, v).has_value(); }, value);
+}
 
 std::unique_ptr<JsonFileDefaultsStore> openStore(const fs::path& path, Found expected = Found::file) {
   auto opened = JsonFileDefaultsStore::open(path);
@@ -71,48 +65,35 @@ std::unique_ptr<JsonFileDefaultsStore> openStore(const fs::path& path, Found exp
   return std::move(opened->store);
 }
 
-Bytes everyByte() {
-  Bytes bytes;
-  for (int i = 0; i < 256; ++i) bytes.push_back(static_cast<std::uint8_t>(i));
-  return bytes;
-}
+// A fresh folder for the store's file.
+class JsonFileDefaultsStoreTest : public ::testing::Test {
+ protected:
+  JsonFileDefaultsStoreTest() {
+    std::string pattern = (fs::temp_directory_path() / "vdl-defaults-XXXXXX").string();
+    folder_ = ::mkdtemp(pattern.data());
+    file_ = folder_ / "defaults.json";
+  }
+  ~JsonFileDefaultsStoreTest() override { fs::remove_all(folder_); }
 
-// Values that a careless encoding would bend: the integer extremes, text with NUL, quotes, slashes
-// and bytes that are not UTF-8, empty and binary bytes, and a key that needs escaping.
-void setEdgeValues(DefaultsStore& store) {
-  EXPECT_TRUE(store.set("min", std::numeric_limits<std::int64_t>::min()));
-  EXPECT_TRUE(store.set("max", std::numeric_limits<std::int64_t>::max()));
-  EXPECT_TRUE(store.set("text", std::string("a\0\"\\/\n\xff\xfe", 8)));
-  EXPECT_TRUE(store.set("empty text", std::string()));
-  EXPECT_TRUE(store.set("empty bytes", Bytes()));
-  EXPECT_TRUE(store.set("bytes", everyByte()));
-  EXPECT_TRUE(store.set("com.verdalune.sessionreplay.\"key\"/\x01", std::int64_t{7}));
-}
+  void writeFile(std::string_view text, fs::perms mode = fs::perms::owner_read | fs::perms::owner_write) {
+    std::ofstream(file_, std::ios::binary) << text;
+    fs::permissions(file_, mode);
+  }
 
-void expectEdgeValues(const DefaultsStore& store) {
-  EXPECT_EQ(store.integer("min"), std::numeric_limits<std::int64_t>::min());
-  EXPECT_EQ(store.integer("max"), std::numeric_limits<std::int64_t>::max());
-  EXPECT_EQ(store.string("text"), std::string("a\0\"\\/\n\xff\xfe", 8));
-  EXPECT_EQ(store.string("empty text"), std::string());
-  EXPECT_EQ(store.bytes("empty bytes"), Bytes());
-  EXPECT_EQ(store.bytes("bytes"), everyByte());
-  EXPECT_EQ(store.integer("com.verdalune.sessionreplay.\"key\"/\x01"), 7);
-}
+  fs::path folder_, file_;
+};
 
 // The contract every store keeps, run against each implementation.
 template <typename Store>
-class DefaultsStoreContractTest : public ::testing::Test {
+class DefaultsStoreContractTest : public JsonFileDefaultsStoreTest {
  protected:
   std::unique_ptr<DefaultsStore> makeStore() {
     if constexpr (std::is_same_v<Store, JsonFileDefaultsStore>) {
-      return openStore(folder_.path() / "defaults.json", Found::noFile);
+      return openStore(file_, Found::noFile);
     } else {
       return std::make_unique<Store>();
     }
   }
-
- private:
-  TemporaryFolder folder_;
 };
 
 using StoreTypes = ::testing::Types<InMemoryDefaultsStore, JsonFileDefaultsStore>;
@@ -123,25 +104,17 @@ TYPED_TEST(DefaultsStoreContractTest, KeepsTheThreeTypesApart) {
   ASSERT_TRUE(store->set("s", std::string("42")));
   ASSERT_TRUE(store->set("i", std::int64_t{42}));
   ASSERT_TRUE(store->set("b", bytesOf("42")));
+  EXPECT_EQ(read(*store, "s"), Value(std::string("42")));
+  EXPECT_EQ(read(*store, "i"), Value(std::int64_t{42}));
+  EXPECT_EQ(read(*store, "b"), Value(bytesOf("42")));
 
-  EXPECT_EQ(store->string("s"), "42");
-  EXPECT_EQ(store->integer("s"), std::nullopt);
-  EXPECT_EQ(store->bytes("s"), std::nullopt);
-  EXPECT_EQ(store->integer("i"), 42);
-  EXPECT_EQ(store->string("i"), std::nullopt);
-  EXPECT_EQ(store->bytes("i"), std::nullopt);
-  EXPECT_EQ(store->bytes("b"), bytesOf("42"));
-  EXPECT_EQ(store->string("b"), std::nullopt);
-  EXPECT_EQ(store->integer("b"), std::nullopt);
-
+  // A new value replaces the old one whatever its type.
   ASSERT_TRUE(store->set("s", std::int64_t{7}));
-  EXPECT_EQ(store->string("s"), std::nullopt) << "a new value replaces the old one whatever its type";
-  EXPECT_EQ(store->integer("s"), 7);
-
+  EXPECT_EQ(read(*store, "s"), Value(std::int64_t{7}));
   ASSERT_TRUE(store->remove("s"));
   ASSERT_TRUE(store->remove("never set"));
-  EXPECT_EQ(store->integer("s"), std::nullopt);
-  EXPECT_EQ(store->integer("i"), 42);
+  EXPECT_EQ(read(*store, "s"), std::nullopt);
+  EXPECT_EQ(read(*store, "i"), Value(std::int64_t{42}));
 }
 
 TYPED_TEST(DefaultsStoreContractTest, ConcurrentWritersAndReadersSeeWholeValues) {
@@ -162,25 +135,27 @@ TYPED_TEST(DefaultsStoreContractTest, ConcurrentWritersAndReadersSeeWholeValues)
   for (int t = 0; t < 4; ++t) EXPECT_EQ(store->integer("writer." + std::to_string(t)), 9);
 }
 
-class JsonFileDefaultsStoreTest : public ::testing::Test {
- protected:
-  void writeFile(std::string_view text, fs::perms mode = fs::perms::owner_read | fs::perms::owner_write) {
-    std::ofstream(file_, std::ios::binary) << text;
-    fs::permissions(file_, mode);
-  }
-
-  TemporaryFolder folder_;
-  const fs::path file_ = folder_.path() / "defaults.json";
-};
-
 TEST_F(JsonFileDefaultsStoreTest, ValuesSurviveReopen) {
+  Bytes everyByte;
+  for (int i = 0; i < 256; ++i) everyByte.push_back(static_cast<std::uint8_t>(i));
+  // Values a careless encoding would bend: the integer extremes, text with NUL, quotes, slashes and bytes
+  // that are not UTF-8, empty and binary bytes, and a key that needs escaping.
+  const std::pair<std::string, Value> values[] = {
+      {"min", std::numeric_limits<std::int64_t>::min()},
+      {"max", std::numeric_limits<std::int64_t>::max()},
+      {"text", std::string("a\0\"\\/\n\xff\xfe", 8)},
+      {"empty text", std::string()},
+      {"empty bytes", Bytes()},
+      {"bytes", everyByte},
+      {"com.verdalune.sessionreplay.\"key\"/\x01", std::int64_t{7}},
+  };
   auto store = openStore(file_, Found::noFile);
   EXPECT_FALSE(fs::exists(file_)) << "opening alone writes nothing";
-  setEdgeValues(*store);
+  for (const auto& [key, value] : values) EXPECT_TRUE(write(*store, key, value)) << key;
   store.reset();
 
   auto reopened = openStore(file_);
-  expectEdgeValues(*reopened);
+  for (const auto& [key, value] : values) EXPECT_EQ(read(*reopened, key), value) << key;
 }
 
 TEST_F(JsonFileDefaultsStoreTest, ReadsTheLayoutItWrites) {
@@ -198,7 +173,7 @@ TEST_F(JsonFileDefaultsStoreTest, WritesLeaveOnlyTheFileReadableByItsOwner) {
   for (std::int64_t i = 0; i < 5; ++i) ASSERT_TRUE(store->set("n", i));
   ASSERT_TRUE(store->remove("n"));
 
-  std::vector<fs::path> entries(fs::directory_iterator(folder_.path()), fs::directory_iterator());
+  const std::vector<fs::path> entries{fs::directory_iterator(folder_), fs::directory_iterator()};
   EXPECT_EQ(entries, std::vector<fs::path>{file_}) << "no temporary file is left behind";
   struct stat info {};
   ASSERT_EQ(::stat(file_.c_str(), &info), 0);
@@ -206,40 +181,35 @@ TEST_F(JsonFileDefaultsStoreTest, WritesLeaveOnlyTheFileReadableByItsOwner) {
 }
 
 TEST_F(JsonFileDefaultsStoreTest, CorruptFileStartsEmptyAndIsReplacedOnTheNextChange) {
-  const std::string_view corrupt[] = {
-      "",
-      R"({"format":1,"values":{}} trailing)",
-      R"({"format":2,"values":{}})",
-      R"({"format":1,"values":{"k":5}})",
-      R"({"format":1,"values":{"k":{"integer":9223372036854775808}}})",
-      R"({"format":1,"values":{"k":{"integer":"1"}}})",
-      R"({"format":1,"values":{"k":{"bytes":"Zg="}}})",
-      R"({"format":1,"values":{"k":{"integer":1,"string":"x"}}})",
-      R"({"format":1,"values":{"k":{"integer":1},"k":{"integer":2}}})",
-  };
-  for (std::string_view text : corrupt) {
+  for (std::string_view text : {
+           "",
+           R"({"format":1,"values":{}} trailing)",
+           R"({"format":2,"values":{}})",
+           R"({"format":1,"values":{"k":5}})",
+           R"({"format":1,"values":{"k":{"integer":9223372036854775808}}})",
+           R"({"format":1,"values":{"k":{"integer":"1"}}})",
+           R"({"format":1,"values":{"k":{"bytes":"Zg="}}})",
+           R"({"format":1,"values":{"k":{"integer":1,"string":"x"}}})",
+           R"({"format":1,"values":{"k":{"integer":1},"k":{"integer":2}}})",
+       }) {
     SCOPED_TRACE(text);
     writeFile(text);
     auto store = openStore(file_, Found::corruptFile);
     ASSERT_NE(store, nullptr);
-    EXPECT_EQ(store->integer("k"), std::nullopt);
+    EXPECT_EQ(read(*store, "k"), std::nullopt);
     ASSERT_TRUE(store->set("fresh", std::int64_t{1}));
     store.reset();
-
-    auto reopened = openStore(file_);
-    EXPECT_EQ(reopened->integer("fresh"), 1);
+    EXPECT_EQ(openStore(file_)->integer("fresh"), 1);
   }
 }
 
-TEST_F(JsonFileDefaultsStoreTest, OpenFailsOnlyWhenThePathCannotBeRead) {
+TEST_F(JsonFileDefaultsStoreTest, FailuresAreReportedAndAFailedWriteIsSavedByTheNextOne) {
   fs::create_directory(file_);
-  const auto opened = JsonFileDefaultsStore::open(file_);
-  ASSERT_FALSE(opened);
-  EXPECT_EQ(opened.error(), std::errc::is_a_directory);
-}
+  const auto unreadable = JsonFileDefaultsStore::open(file_);
+  ASSERT_FALSE(unreadable);
+  EXPECT_EQ(unreadable.error(), std::errc::is_a_directory);
 
-TEST_F(JsonFileDefaultsStoreTest, FailedWriteIsReportedAndSavedByTheNextWrite) {
-  const fs::path folder = folder_.path() / "gone";
+  const fs::path folder = folder_ / "gone";
   fs::create_directory(folder);
   auto store = openStore(folder / "defaults.json", Found::noFile);
   fs::remove(folder);
@@ -251,8 +221,7 @@ TEST_F(JsonFileDefaultsStoreTest, FailedWriteIsReportedAndSavedByTheNextWrite) {
 
   fs::create_directory(folder);
   ASSERT_TRUE(store->set("sequence", std::int64_t{3})) << "the same value again must still be written";
-  auto reopened = openStore(folder / "defaults.json");
-  EXPECT_EQ(reopened->integer("sequence"), 3);
+  EXPECT_EQ(openStore(folder / "defaults.json")->integer("sequence"), 3);
 }
 
 }  // namespace

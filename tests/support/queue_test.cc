@@ -91,45 +91,32 @@ TEST(SerialQueueTest, SuspensionIsCountedAndHoldsAllWorkUntilTheLastResume) {
   EXPECT_TRUE(queue.resume());
 }
 
-TEST(SerialQueueTest, DestructionDropsWorkHeldBackBySuspendFromWorkAndReleasesItsCaptures) {
+TEST(SerialQueueTest, DestructionWaitsForTheRunningWorkAndDropsTheRestWithItsCaptures) {
   auto queue = std::make_unique<SerialQueue>("drop");
   auto token = std::make_shared<int>(0);
   std::weak_ptr<int> watch = token;
-  std::latch suspended(1);
-  bool finished = false;
-  std::atomic<int> ran = 0;
-  queue->async([&] {
-    queue->suspend();
-    finished = true;
-    suspended.count_down();
-  });
-  queue->async([&ran, token] { ++ran; });
-  auto delayed = queue->asyncAfter(1h, [&ran, token] { ++ran; });
-  token.reset();
-  suspended.wait();
-  queue.reset();
-
-  EXPECT_TRUE(finished) << "suspending lets the running work finish";
-  EXPECT_EQ(ran, 0);
-  EXPECT_TRUE(watch.expired()) << "the caller's handle must not keep the captures alive";
-  EXPECT_FALSE(delayed->cancel());
-}
-
-TEST(SerialQueueTest, DestructionWaitsForTheRunningWork) {
-  auto queue = std::make_unique<SerialQueue>("join");
   std::latch started(1);
   std::latch proceed(1);
   bool finished = false;  // plain on purpose: only the join orders the write before the read
+  std::atomic<int> ran = 0;
   queue->async([&] {
+    queue->suspend();  // holds the rest back however late the destruction starts
     started.count_down();
     proceed.wait();
     finished = true;
   });
+  queue->async([&ran, token] { ++ran; });
+  auto delayed = queue->asyncAfter(1h, [&ran, token] { ++ran; });
+  token.reset();
   started.wait();
   std::thread destroyer([&] { queue.reset(); });
   proceed.count_down();
   destroyer.join();
+
   EXPECT_TRUE(finished);
+  EXPECT_EQ(ran, 0);
+  EXPECT_TRUE(watch.expired()) << "the caller's handle must not keep the captures alive";
+  EXPECT_FALSE(delayed->cancel());
 }
 
 TEST(SerialQueueTest, DestructionFromItsOwnWorkDoesNotDeadlock) {
