@@ -13,6 +13,7 @@ debian_packages=(
   libcurl4-openssl-dev               # the HTTP transport
   libcpp-httplib-dev libsqlite3-dev libssl-dev  # the collector and the tests' HTTP servers
   libgtest-dev libgmock-dev googletest libbenchmark-dev
+  libcairo2-dev                      # the simulated device draws its views
 )
 
 missing=()
