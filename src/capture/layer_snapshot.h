@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "verdalune/logger.h"
+#include "verdalune/platform/application.h"
+#include "verdalune/platform/geometry.h"
+#include "verdalune/platform/layer.h"
+
+namespace verdalune::sessionreplay {
+
+// One layer's properties as read at one capture. A plain value: it holds no platform object, so it can
+// travel to the serializer's queue and outlive the layer.
+struct LayerSnapshot {
+  std::string layerClass;
+  std::optional<std::string> viewClass;
+  platform::Rect bounds;
+  platform::Point position;
+  double zPosition = 0;
+  platform::Point anchorPoint;
+  double anchorPointZ = 0;
+  platform::Transform3D transform;
+  platform::Rect frame;
+  bool isHidden = false;
+  bool isDoubleSided = true;
+  bool isGeometryFlipped = false;
+  bool masksToBounds = false;
+  platform::Rect contentsRect;
+  platform::Rect modelContentsRect;
+  std::string contentsGravity;
+  double contentScale = 1;
+  platform::Rect contentsCenter;
+  bool isOpaque = false;
+  std::uint32_t edgeAntialiasingMask = 0;
+  // Spelled this way on purpose: it is the name the converter and the recorded events use.
+  bool allowsEdgeAntialiazing = false;
+  std::optional<platform::Color> backgroundColor;
+  double cornerRadius = 0;
+  std::uint32_t maskedCorners = 0;
+  std::string cornerCurve;
+  double borderWidth = 0;
+  std::optional<platform::Color> borderColor;
+  float opacity = 1;
+  bool allowsGroupOpacity = true;
+  std::optional<platform::Color> shadowColor;
+  float shadowOpacity = 0;
+  platform::Size shadowOffset;
+  double shadowRadius = 0;
+  std::optional<platform::Path> shadowPath;
+  bool contentsAreFlipped = false;
+  std::optional<std::string> compositingFilter;
+  int userInterfaceStyle = 0;  // 0 unspecified, 1 light, 2 dark
+  std::optional<std::vector<platform::Color>> gradientColors;
+  std::optional<std::vector<double>> gradientLocations;
+  std::optional<platform::Point> gradientStartPoint;
+  std::optional<platform::Point> gradientEndPoint;
+  std::optional<std::string> gradientType;
+  bool isWebView = false;
+  platform::EdgeInsets webViewInsets;
+  std::optional<platform::Color> webViewBackgroundColor;
+  std::optional<platform::Color> contentsMultiplyColor;
+
+  bool operator==(const LayerSnapshot&) const = default;
+};
+
+// One captured layer and its sublayers. Built once per capture by the tree walk, then never changed.
+struct LayerTreeNode {
+  std::int64_t id = 0;
+  bool isBlocked = false;
+  LayerSnapshot snapshot;
+  std::optional<std::int64_t> parentId;
+  std::optional<std::int64_t> nextId;
+  std::vector<LayerTreeNode> children;
+};
+
+// The result of one capture: one root node per window, in the scene's window order.
+struct Snapshot {
+  platform::Size screenSize;
+  std::vector<LayerTreeNode> windows;
+};
+
+// Reads `layer` (the presentation copy when the walk chose one) under the transform its parent hands
+// down (the identity for a window's root). `osVersion` decides the web view background fallbacks.
+// Cannot fail: missing or unexpected values come out absent.
+LayerSnapshot readLayerSnapshot(const platform::Layer& layer, const platform::Transform3D& parentTransform,
+                                const platform::OsVersion& osVersion);
+
+// The copy of `layer` as it is shown now, or `layer` itself when it has none. A platform exception from
+// the presentation read is logged and the model layer is used, so one odd layer never stops a capture.
+std::shared_ptr<platform::Layer> presentationOrModel(const std::shared_ptr<platform::Layer>& layer,
+                                                     Logger* logger);
+
+}  // namespace verdalune::sessionreplay

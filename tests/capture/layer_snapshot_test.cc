@@ -1,0 +1,172 @@
+#include "capture/layer_snapshot.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "verdalune/sim/layer.h"
+#include "verdalune/sim/platform.h"
+#include "verdalune/sim/views.h"
+#include "verdalune/sim/web_view.h"
+
+namespace verdalune::sessionreplay {
+namespace {
+
+using platform::Color;
+using platform::Rect;
+using platform::Transform3D;
+using sim::SimLayer;
+
+constexpr platform::OsVersion kOs17{17, 0, 0};
+
+Transform3D translation(double x, double y) {
+  Transform3D t;
+  t.m[12] = x;
+  t.m[13] = y;
+  return t;
+}
+
+Transform3D scale(double factor) {
+  Transform3D t;
+  t.m[0] = factor;
+  t.m[5] = factor;
+  return t;
+}
+
+class RecordingLogger final : public Logger {
+ public:
+  void error(std::string_view message) override { errors.emplace_back(message); }
+  void warn(std::string_view) override {}
+  void log(std::string_view) override {}
+  void debug(std::string_view) override {}
+  std::vector<std::string> errors;
+};
+
+TEST(LayerSnapshotTest, PresentationLayerIsReadWhenPresentAndModelOtherwise) {
+  auto root = std::make_shared<SimLayer>();
+  auto layer = std::make_shared<SimLayer>();
+  root->addSublayer(layer);
+  layer->setFrame({{10, 20}, {100, 50}});
+  RecordingLogger logger;
+
+  EXPECT_EQ(presentationOrModel(layer, &logger), layer) << "never committed: no presentation copy";
+
+  root->commit();
+  layer->beginAnimation([](platform::LayerProperties& shown) { shown.opacity = 0.25f; });
+  auto shown = presentationOrModel(layer, &logger);
+  ASSERT_NE(shown, layer);
+  EXPECT_FLOAT_EQ(readLayerSnapshot(*shown, {}, kOs17).opacity, 0.25f);
+  EXPECT_FLOAT_EQ(readLayerSnapshot(*layer, {}, kOs17).opacity, 1.0f);
+  EXPECT_TRUE(logger.errors.empty());
+}
+
+TEST(LayerSnapshotTest, ThrowingPresentationReadIsLoggedAndTheModelLayerRead) {
+  auto root = std::make_shared<SimLayer>();
+  auto layer = std::make_shared<SimLayer>();
+  root->addSublayer(layer);
+  root->commit();
+  layer->setPresentationThrows(true);
+  RecordingLogger logger;
+  EXPECT_EQ(presentationOrModel(layer, &logger), layer);
+  EXPECT_EQ(logger.errors.size(), 1u);
+  EXPECT_EQ(presentationOrModel(layer, nullptr), layer) << "no logger is no crash";
+}
+
+TEST(LayerSnapshotTest, ModelContentsRectIgnoresARunningAnimation) {
+  auto root = std::make_shared<SimLayer>();
+  auto layer = std::make_shared<SimLayer>();
+  root->addSublayer(layer);
+  layer->setContentsRect({{0, 0}, {0.5, 0.5}});
+  root->commit();
+  layer->beginAnimation([](platform::LayerProperties& shown) {
+    shown.contentsRect = {{0.5, 0.5}, {0.5, 0.5}};
+  });
+  auto snapshot = readLayerSnapshot(*presentationOrModel(layer, nullptr), {}, kOs17);
+  EXPECT_EQ(snapshot.contentsRect, (Rect{{0.5, 0.5}, {0.5, 0.5}}));
+  EXPECT_EQ(snapshot.modelContentsRect, (Rect{{0, 0}, {0.5, 0.5}}));
+}
+
+TEST(LayerSnapshotTest, EmptyBoundsTakeTheRenderBoxHostBoundsOnly) {
+  for (const std::string hostClass : {"WKRenderBoxLayer", "CALayer"}) {
+    auto host = std::make_shared<SimLayer>(hostClass);
+    host->setFrame({{0, 0}, {300, 200}});
+    auto layer = std::make_shared<SimLayer>();
+    host->addSublayer(layer);
+    auto bounds = readLayerSnapshot(*layer, {}, kOs17).bounds;
+    if (hostClass == "CALayer") {
+      EXPECT_TRUE(bounds.isEmpty()) << "only a render box host lends its bounds";
+    } else {
+      EXPECT_EQ(bounds.size, (platform::Size{300, 200}));
+    }
+  }
+  auto host = std::make_shared<SimLayer>("WKRenderBoxLayer");
+  host->setFrame({{0, 0}, {300, 200}});
+  auto sized = std::make_shared<SimLayer>();
+  host->addSublayer(sized);
+  sized->setFrame({{0, 0}, {40, 30}});
+  EXPECT_EQ(readLayerSnapshot(*sized, {}, kOs17).bounds.size, (platform::Size{40, 30}));
+}
+
+TEST(LayerSnapshotTest, OwnTransformIsAppliedBeforeTheParentOne) {
+  auto layer = std::make_shared<SimLayer>();
+  layer->update([](platform::LayerProperties& p) { p.transform = translation(10, 0); });
+  EXPECT_EQ(readLayerSnapshot(*layer, Transform3D::identity(), kOs17).transform, translation(10, 0))
+      << "a root keeps its own transform";
+  // Translate then scale by 2 moves by 20; the other order would move by 10.
+  EXPECT_EQ(readLayerSnapshot(*layer, scale(2), kOs17).transform.m[12], 20);
+}
+
+TEST(LayerSnapshotTest, GradientWithANonColourKeepsEverythingButTheColours) {
+  auto gradient = std::make_shared<SimLayer>("CAGradientLayer", platform::LayerKind::gradient);
+  gradient->update([](platform::LayerProperties& p) {
+    p.gradient = platform::Gradient{std::nullopt, std::vector<double>{0, 1}, {0, 0}, {1, 1}, "radial"};
+  });
+  auto snapshot = readLayerSnapshot(*gradient, {}, kOs17);
+  EXPECT_FALSE(snapshot.gradientColors);
+  EXPECT_EQ(snapshot.gradientLocations, (std::vector<double>{0, 1}));
+  EXPECT_EQ(snapshot.gradientEndPoint, (platform::Point{1, 1}));
+  EXPECT_EQ(snapshot.gradientType, "radial");
+
+  auto plain = readLayerSnapshot(*std::make_shared<SimLayer>(), {}, kOs17);
+  EXPECT_FALSE(plain.gradientStartPoint);
+  EXPECT_FALSE(plain.gradientType);
+}
+
+TEST(LayerSnapshotTest, NonViewDelegateLeavesViewFieldsEmpty) {
+  auto snapshot = readLayerSnapshot(*std::make_shared<SimLayer>(), {}, kOs17);
+  EXPECT_EQ(snapshot.layerClass, "CALayer");
+  EXPECT_FALSE(snapshot.viewClass);
+  EXPECT_EQ(snapshot.userInterfaceStyle, 0);
+  EXPECT_FALSE(snapshot.isWebView);
+  EXPECT_FALSE(snapshot.webViewBackgroundColor);
+
+  auto label = sim::makeLabel("Hi");
+  label->setUserInterfaceStyle(platform::UserInterfaceStyle::dark);
+  auto labelSnapshot = readLayerSnapshot(*label->layer(), {}, kOs17);
+  EXPECT_EQ(labelSnapshot.viewClass, label->className());
+  EXPECT_EQ(labelSnapshot.userInterfaceStyle, 2);
+}
+
+TEST(LayerSnapshotTest, WebViewBackgroundFallsBackToUnderPageFromOs15ThenWhite) {
+  sim::SimPlatform device;
+  auto web = sim::SimViewNode::make<sim::SimWebView>(device.app()->mainQueue());
+  web->setScrollViewAdjustedContentInset({44, 0, 34, 0});
+  web->setUnderPageBackgroundColor(Color{0, 0, 1, 1});
+
+  auto onOs15 = readLayerSnapshot(*web->layer(), {}, platform::OsVersion{15, 0, 0});
+  EXPECT_TRUE(onOs15.isWebView);
+  EXPECT_EQ(onOs15.webViewInsets, (platform::EdgeInsets{44, 0, 34, 0}));
+  EXPECT_EQ(onOs15.webViewBackgroundColor, (Color{0, 0, 1, 1}));
+  EXPECT_EQ(readLayerSnapshot(*web->layer(), {}, platform::OsVersion{14, 8, 0}).webViewBackgroundColor,
+            (Color{1, 1, 1, 1}));
+
+  web->setScrollViewBackgroundColor(Color{0, 1, 0, 1});
+  EXPECT_EQ(readLayerSnapshot(*web->layer(), {}, kOs17).webViewBackgroundColor, (Color{0, 1, 0, 1}))
+      << "the scroll view's own colour comes first";
+}
+
+}  // namespace
+}  // namespace verdalune::sessionreplay
