@@ -36,15 +36,6 @@ StorageResult<void> makeDirectory(const std::filesystem::path& path) {
   return failure();
 }
 
-void syncDirectory(const std::filesystem::path& path) {
-  // A new file's name is only durable once its folder is synced; failure here loses nothing that a
-  // later sync of the file would keep, so it is not reported.
-  const int folder = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0) return;
-  ::fsync(folder);
-  ::close(folder);
-}
-
 }  // namespace
 
 StorageResult<BlockIdentity> parseBlockFileName(std::string_view fileName) {
@@ -109,7 +100,9 @@ StorageResult<PersistentStorage::OutputStream> PersistentStorage::openOutputStre
   const bool existed = ::access(block.c_str(), F_OK) == 0;
   const int file = ::open(block.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (file < 0) return failure();
-  if (!existed) syncDirectory(block.parent_path());
+  // A new file's name is only durable once its folder is synced; a failure here loses nothing that
+  // the sync of the file at close would keep, so it is not reported.
+  if (!existed) (void)syncFolder(block.parent_path());
   return FileOutputStream(file);
 }
 

@@ -92,16 +92,6 @@ std::string serializeValues(const Values& values) {
   return out;
 }
 
-Result syncFolder(const std::filesystem::path& folder) {
-  const int fd = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return std::unexpected(systemError());
-  const int result = ::fsync(fd);
-  const int error = errno;
-  ::close(fd);
-  if (result != 0) return std::unexpected(systemError(error));
-  return {};
-}
-
 // Replaces the file so that a crash at any point leaves the old contents or the new, never a mix:
 // the new text is made durable under a temporary name, renamed over the file, and the rename made
 // durable by flushing the folder.

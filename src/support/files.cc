@@ -25,4 +25,14 @@ std::expected<std::string, std::error_code> readWholeFile(const std::filesystem:
   return contents;
 }
 
+std::expected<void, std::error_code> syncFolder(const std::filesystem::path& folder) {
+  const int file = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (file < 0) return std::unexpected(systemError());
+  const int result = ::fsync(file);
+  const std::error_code error = systemError();
+  ::close(file);
+  if (result != 0) return std::unexpected(error);
+  return {};
+}
+
 }  // namespace verdalune::sessionreplay

@@ -16,4 +16,7 @@ namespace verdalune::sessionreplay {
 // The whole file, read with retries on interruption; a missing file is the ENOENT error.
 [[nodiscard]] std::expected<std::string, std::error_code> readWholeFile(const std::filesystem::path& path);
 
+// Syncs a folder, so that names created or renamed in it survive a power loss; "" is the working folder.
+[[nodiscard]] std::expected<void, std::error_code> syncFolder(const std::filesystem::path& folder);
+
 }  // namespace verdalune::sessionreplay
