@@ -4,6 +4,7 @@
 
 #include <mutex>
 
+#include "common/recording_logger.h"
 #include "integration/collector_process.h"
 #include "integration/drive.h"
 #include "storage/versioned_event.h"
@@ -17,26 +18,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::CollectorProcess;
 using testing::driveUntil;
-
-class RecordingLogger final : public Logger {
- public:
-  void error(std::string_view message) override { add("error: ", message); }
-  void warn(std::string_view message) override { add("warn: ", message); }
-  void log(std::string_view message) override { add("log: ", message); }
-  void debug(std::string_view message) override { add("debug: ", message); }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  void add(std::string_view level, std::string_view message) {
-    std::lock_guard lock(mutex_);
-    lines_.push_back(std::string(level) + std::string(message));
-  }
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
 
 // Packed events as the storage layer returns them: JSON string literals of compressed JSON.
 std::vector<std::string> packedEvents() {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/recording_logger.h"
 #include "rrweb/coding.h"
 #include "storage/in_memory_storage.h"
 
@@ -9,15 +10,6 @@ namespace verdalune::sessionreplay {
 namespace {
 
 using namespace std::chrono_literals;
-
-class RecordingLogger final : public Logger {
- public:
-  void error(std::string_view message) override { errors.emplace_back(message); }
-  void warn(std::string_view) override {}
-  void log(std::string_view message) override { logs.emplace_back(message); }
-  void debug(std::string_view) override {}
-  std::vector<std::string> errors, logs;
-};
 
 // Records every block handed over; the test answers them when it likes.
 class RecordingUploader final : public BlockUploader {
@@ -85,7 +77,7 @@ TEST_F(StorageCoordinatorTest, ABlockClosesOnFlushAndIsRemovedOnceDelivered) {
   uploader_->uploads[0].respond(std::nullopt);
   queue_->runUntilIdle();
   EXPECT_TRUE(storage_->events().empty());
-  EXPECT_EQ(logger_->logs.back(), "[StorageCoordinator] Successfully uploaded block device/7/1");
+  EXPECT_EQ(logger_->logs().back(), "[StorageCoordinator] Successfully uploaded block device/7/1");
 }
 
 TEST_F(StorageCoordinatorTest, NumberingRestartsForANewSessionAndSurvivesARestart) {
@@ -122,7 +114,8 @@ TEST_F(StorageCoordinatorTest, ABlockIsNeverInTwoUploadsAtOnce) {
 
   uploader_->uploads[0].respond(HttpError::requestFailed);
   queue_->runUntilIdle();
-  EXPECT_EQ(logger_->errors.back(), "[StorageCoordinator] Failed to upload block device/1/1: requestFailed");
+  EXPECT_EQ(logger_->errors().back(),
+            "[StorageCoordinator] Failed to upload block device/1/1: requestFailed");
   ASSERT_EQ(storage_->events().size(), 1u) << "a failed block stays";
   for (const auto& restored : uploader_->restoredHandlers) restored();
   queue_->runUntilIdle();
