@@ -208,6 +208,7 @@ void SimLayer::setNextDrawable(std::optional<platform::Bitmap> pixels, SimTextur
 }
 
 std::shared_ptr<platform::Texture> SimLayer::nextDrawableTexture() {
+  ++drawableRequests_;
   if (kind_ != platform::LayerKind::gpuDrawing || !drawable_) return nullptr;
   // The pool hands out the same drawable until the producer presents a new frame.
   if (!drawableTexture_) drawableTexture_ = std::make_shared<SimTexture>(*drawable_, drawableOptions_);

@@ -149,39 +149,59 @@ struct BlurLook {
   platform::Color tint;
 };
 
-// Dark variants of the adaptive materials follow the view's style, as the platform resolves them.
+// Every material has its own radius, saturation and tint, as on the device, so each one can be told
+// apart by its filters. The adaptive materials (regular, prominent and the five system materials)
+// resolve to a light or a dark look by the view's style; the system materials resolve to exactly their
+// fixed light (11-15) or dark (16-20) twins.
 BlurLook blurLook(int style, bool dark) {
   using namespace blurStyle;
-  const platform::Color lightTint{1, 1, 1, 0.3};
-  const platform::Color darkTint{0.1, 0.1, 0.1, 0.45};
+  constexpr double radii[] = {12, 18, 25, 40, 30};
+  constexpr double saturations[] = {1.6, 1.8, 1.8, 2.0, 2.2};
+  constexpr double lightAlphas[] = {0.2, 0.3, 0.4, 0.55, 0.7};
+  constexpr double darkAlphas[] = {0.3, 0.45, 0.55, 0.7, 0.8};
+  if (style >= systemUltraThinMaterial && style <= systemChromeMaterial) {
+    style += dark ? 10 : 5;
+  }
+  if (style >= 11 && style <= 15) {
+    const int i = style - 11;
+    return {radii[i], saturations[i], {1, 1, 1, lightAlphas[i]}};
+  }
+  if (style >= 16 && style <= 20) {
+    const int i = style - 16;
+    return {radii[i], saturations[i], {0.1, 0.1, 0.1, darkAlphas[i]}};
+  }
   switch (style) {
     case extraLight:
       return {30, 1.8, {1, 1, 1, 0.6}};
     case light:
-      return {30, 1.8, lightTint};
+      return {30, 1.8, {1, 1, 1, 0.3}};
     case blurStyle::dark:
-      return {20, 1.8, darkTint};
-    case prominent:
-      return {30, 2.0, dark ? darkTint : platform::Color{1, 1, 1, 0.5}};
-    case systemUltraThinMaterial:
-      return {12, 1.6, dark ? darkTint : lightTint};
-    case systemThinMaterial:
-      return {18, 1.8, dark ? darkTint : lightTint};
-    case systemThickMaterial:
-      return {40, 2.0, dark ? darkTint : lightTint};
-    case systemChromeMaterial:
-      return {30, 2.2, dark ? darkTint : lightTint};
+      return {20, 1.8, {0.1, 0.1, 0.1, 0.45}};
+    case 3:  // extra dark
+      return {20, 1.8, {0.05, 0.05, 0.05, 0.7}};
     case regular:
-    case systemMaterial:
+      return dark ? BlurLook{30, 1.9, {0.1, 0.1, 0.1, 0.5}} : BlurLook{30, 1.9, {1, 1, 1, 0.35}};
+    case prominent:
+      return dark ? BlurLook{30, 2.0, {0.1, 0.1, 0.1, 0.6}} : BlurLook{30, 2.0, {1, 1, 1, 0.5}};
     default:
-      return {30, 1.8, dark ? darkTint : lightTint};
+      return {30, 1.8, {1, 1, 1, 0.3}};
   }
 }
 
-// A 4×5 colour matrix that draws content in the vibrancy style's grey, keeping its alpha.
-std::vector<double> vibrancyMatrix(int style, bool dark) {
+// A 4×5 colour matrix that pulls the backdrop toward the material's tint.
+std::vector<double> tintMatrix(const platform::Color& tint) {
+  const double keep = 1 - tint.alpha;
+  return {keep, 0, 0,    0, tint.red * tint.alpha,  0, keep, 0, 0, tint.green * tint.alpha,
+          0,    0, keep, 0, tint.blue * tint.alpha, 0, 0,    0, 1, 0};
+}
+
+// A 4×5 colour matrix that draws content in the vibrancy style's grey, keeping its alpha; the grey
+// follows the material underneath.
+std::vector<double> vibrancyMatrix(int style, const BlurLook& under) {
+  const bool darkMaterial = under.tint.red < 0.5;
   const double strength = 1.0 - 0.15 * std::clamp(style, 0, 7);
-  const double grey = dark ? 0.9 * strength : 0.25 / strength;
+  const double grey = (darkMaterial ? 0.9 * strength : 0.25 / strength) * (1 - 0.1 * under.tint.alpha) *
+                      (1 - 0.002 * under.radius);
   return {0, 0, 0, 0, grey, 0, 0, 0, 0, grey, 0, 0, 0, 0, grey, 0, 0, 0, strength, 0};
 }
 
@@ -226,6 +246,7 @@ void SimVisualEffectView::layOut() {
          .type = "gaussianBlur",
          .inputs = {{"inputRadius", look.radius}, {"inputNormalizeEdges", true}}},
         {.name = "colorSaturate", .type = "colorSaturate", .inputs = {{"inputAmount", look.saturation}}},
+        {.name = "colorTint", .type = "colorMatrix", .inputs = {{"inputColorMatrix", tintMatrix(look.tint)}}},
     });
     auto tint = make<SimView>("_UIVisualEffectSubview");
     tint->setFrame(bounds);
@@ -237,7 +258,7 @@ void SimVisualEffectView::layOut() {
     vibrancy->simLayer()->setFilters({
         {.name = "vibrantColorMatrix",
          .type = "colorMatrix",
-         .inputs = {{"inputColorMatrix", vibrancyMatrix(*vibrancyStyle_, dark)}}},
+         .inputs = {{"inputColorMatrix", vibrancyMatrix(*vibrancyStyle_, blurLook(*blurStyle_, dark))}}},
     });
     effectViews_ = {vibrancy};
   }

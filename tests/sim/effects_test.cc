@@ -33,11 +33,12 @@ TEST(SimVisualEffectTest, BlurInstallsBlurAndSaturationOnTheBackdrop) {
   EXPECT_TRUE(installedFilters(*view).empty());
   view->setBlurEffect(blurStyle::systemThinMaterial);
   auto filters = installedFilters(*view);
-  ASSERT_EQ(filters.size(), 2u);
+  ASSERT_EQ(filters.size(), 3u);
   EXPECT_EQ(filters[0].name, "gaussianBlur");
   EXPECT_GT(std::get<double>(filters[0].inputs.at("inputRadius")), 0);
   EXPECT_EQ(filters[1].type, "colorSaturate");
   EXPECT_GT(std::get<double>(filters[1].inputs.at("inputAmount")), 1);
+  EXPECT_EQ(filters[2].type, "colorMatrix") << "the material's tint";
   EXPECT_EQ(view->subviews().back()->className(), "_UIVisualEffectContentView");
 
   view->setBlurEffect(blurStyle::systemUltraThinMaterial);

@@ -94,6 +94,8 @@ class SimLayer final : public platform::Layer, public std::enable_shared_from_th
 
   // For a GPU drawing layer: the pixels of the next drawable; none makes the pool run dry.
   void setNextDrawable(std::optional<platform::Bitmap> pixels, SimTexture::Options options = {});
+  // How many times a drawable was asked for, whether or not the pool had one.
+  int drawableRequests() const { return drawableRequests_; }
 
  private:
   struct Observer {
@@ -120,6 +122,7 @@ class SimLayer final : public platform::Layer, public std::enable_shared_from_th
   std::optional<platform::Bitmap> drawable_;
   SimTexture::Options drawableOptions_;
   std::shared_ptr<SimTexture> drawableTexture_;
+  int drawableRequests_ = 0;
   AttachmentSlot slot_;
 
   // Set on a presentation copy: the model it was taken from.
