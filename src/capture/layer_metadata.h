@@ -3,7 +3,10 @@
 #include <compare>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
+#include "capture/layer_contents.h"
+#include "capture/visual_effect.h"
 #include "verdalune/platform/layer.h"
 
 namespace verdalune::sessionreplay {
@@ -39,6 +42,11 @@ class LayerMetadata final : public platform::Attachment {
   // byte, so the walk reads it without taking the layer's lock.
   BlockStatus blockStatus = BlockStatus::none;
   BlockMarkerType blockMarkerType = BlockMarkerType::none;
+
+  // Caches of the capture walk, main queue only; the layer observer clears them when the application
+  // changes what they were read from.
+  std::shared_ptr<LayerContents> contents;
+  std::optional<VisualEffect> visualEffect;
 
  private:
   const std::int64_t id_;
