@@ -25,8 +25,10 @@ platform::Rect boundsFor(const platform::Layer& layer, const platform::Rect& own
 }  // namespace
 
 LayerSnapshot readLayerSnapshot(const platform::Layer& layer, const platform::Transform3D& parentTransform,
-                                const platform::OsVersion& osVersion) {
+                                const platform::OsVersion& osVersion,
+                                platform::Transform3D* sublayerTransform) {
   const platform::LayerProperties p = layer.properties();
+  if (sublayerTransform != nullptr) *sublayerTransform = p.sublayerTransform;
   const std::shared_ptr<platform::View> view = layer.delegateView();
 
   LayerSnapshot s;
@@ -95,7 +97,8 @@ std::shared_ptr<platform::Layer> presentationOrModel(const std::shared_ptr<platf
     if (auto shown = layer->presentationLayer()) return shown;
   } catch (const std::exception& error) {
     if (logger != nullptr) {
-      logger->error(std::string("[Snapshotter] reading the presentation layer failed: ") + error.what());
+      logger->error(std::string("Snapshotter: failed to access presentation layer with exception: ") +
+                    error.what());
     }
   }
   return layer;

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "capture/layer_contents.h"
+#include "capture/visual_effect.h"
 #include "verdalune/logger.h"
 #include "verdalune/platform/application.h"
 #include "verdalune/platform/geometry.h"
@@ -72,6 +74,9 @@ struct LayerTreeNode {
   std::int64_t id = 0;
   bool isBlocked = false;
   LayerSnapshot snapshot;
+  // Null, and no effect, when the node is blocked: nothing of a masked layer leaves the device.
+  std::shared_ptr<LayerContents> contents;
+  VisualEffect visualEffect;
   std::optional<std::int64_t> parentId;
   std::optional<std::int64_t> nextId;
   std::vector<LayerTreeNode> children;
@@ -85,9 +90,11 @@ struct Snapshot {
 
 // Reads `layer` (the presentation copy when the walk chose one) under the transform its parent hands
 // down (the identity for a window's root). `osVersion` decides the web view background fallbacks.
-// Cannot fail: missing or unexpected values come out absent.
+// Cannot fail: missing or unexpected values come out absent. The layer's sublayer transform, which the
+// walk hands to the children, comes out through `sublayerTransform` from the same read when asked for.
 LayerSnapshot readLayerSnapshot(const platform::Layer& layer, const platform::Transform3D& parentTransform,
-                                const platform::OsVersion& osVersion);
+                                const platform::OsVersion& osVersion,
+                                platform::Transform3D* sublayerTransform = nullptr);
 
 // The copy of `layer` as it is shown now, or `layer` itself when it has none. A platform exception from
 // the presentation read is logged and the model layer is used, so one odd layer never stops a capture.

@@ -105,7 +105,10 @@ void markAsBlockMarker(platform::Layer& markerLayer, BlockMarkerType type, bool 
 }
 
 BlockStatus BlockRangeTracker::enter(platform::Layer& sibling) {
-  const std::vector<std::shared_ptr<platform::Layer>> sublayers = sibling.sublayers();
+  return enter(sibling.sublayers());
+}
+
+BlockStatus BlockRangeTracker::enter(const std::vector<std::shared_ptr<platform::Layer>>& sublayers) {
   if (!sublayers.empty()) {
     const auto marker = metadataOf(*sublayers.front());
     if (marker->blockMarkerType == BlockMarkerType::begin) {

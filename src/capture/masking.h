@@ -40,6 +40,8 @@ class BlockRangeTracker {
  public:
   // The range status `sibling` inherits; call once per sibling, in order.
   BlockStatus enter(platform::Layer& sibling);
+  // The same, given the sibling's sublayers already read.
+  BlockStatus enter(const std::vector<std::shared_ptr<platform::Layer>>& siblingSublayers);
 
  private:
   BlockStatus range_ = BlockStatus::none;

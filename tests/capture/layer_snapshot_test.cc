@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "common/recording_logger.h"
 #include "verdalune/sim/layer.h"
 #include "verdalune/sim/platform.h"
 #include "verdalune/sim/views.h"
@@ -36,15 +37,6 @@ Transform3D scale(double factor) {
   return t;
 }
 
-class RecordingLogger final : public Logger {
- public:
-  void error(std::string_view message) override { errors.emplace_back(message); }
-  void warn(std::string_view) override {}
-  void log(std::string_view) override {}
-  void debug(std::string_view) override {}
-  std::vector<std::string> errors;
-};
-
 TEST(LayerSnapshotTest, PresentationLayerIsReadWhenPresentAndModelOtherwise) {
   auto root = std::make_shared<SimLayer>();
   auto layer = std::make_shared<SimLayer>();
@@ -60,7 +52,7 @@ TEST(LayerSnapshotTest, PresentationLayerIsReadWhenPresentAndModelOtherwise) {
   ASSERT_NE(shown, layer);
   EXPECT_FLOAT_EQ(readLayerSnapshot(*shown, {}, kOs17).opacity, 0.25f);
   EXPECT_FLOAT_EQ(readLayerSnapshot(*layer, {}, kOs17).opacity, 1.0f);
-  EXPECT_TRUE(logger.errors.empty());
+  EXPECT_TRUE(logger.errors().empty());
 }
 
 TEST(LayerSnapshotTest, ThrowingPresentationReadIsLoggedAndTheModelLayerRead) {
@@ -71,7 +63,7 @@ TEST(LayerSnapshotTest, ThrowingPresentationReadIsLoggedAndTheModelLayerRead) {
   layer->setPresentationThrows(true);
   RecordingLogger logger;
   EXPECT_EQ(presentationOrModel(layer, &logger), layer);
-  EXPECT_EQ(logger.errors.size(), 1u);
+  EXPECT_EQ(logger.errors().size(), 1u);
   EXPECT_EQ(presentationOrModel(layer, nullptr), layer) << "no logger is no crash";
 }
 
