@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 
+#include "ratio_reporter.h"
 #include "storage/versioned_event.h"
 #include "support/json_writer.h"
 
@@ -112,22 +113,6 @@ void pack(benchmark::State& state, const std::string& name) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * jsonSize));
 }
 
-// Remembers each benchmark's time per iteration (the median when repetitions are asked for) so that
-// main can print the ratios beside the usual table.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const auto& run : runs) {
-      const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-      if (median || (run.run_type == Run::RT_Iteration && run.repetitions <= 1)) {
-        times[run.run_name.function_name] = run.GetAdjustedRealTime();
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> times;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -136,7 +121,7 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark(("pack/" + name).c_str(), pack, name);
   }
   benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
+  vdl::bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
 
   bool met = true;
