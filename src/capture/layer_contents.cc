@@ -13,6 +13,9 @@ template <typename... Cases>
 struct Overloaded : Cases... {
   using Cases::operator()...;
 };
+// clang does not deduce aggregate templates by itself yet.
+template <typename... Cases>
+Overloaded(Cases...) -> Overloaded<Cases...>;
 
 // Holds a surface lock for one scope, so that every way out of a read gives the lock back.
 class SurfaceLock {
