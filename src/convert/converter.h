@@ -1,0 +1,54 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "capture/layer_snapshot.h"
+#include "image/encoded_image_data.h"
+#include "verdalune/logger.h"
+#include "verdalune/platform/platform.h"
+
+namespace verdalune::sessionreplay {
+
+// Turns one captured layer into the attributes of one HTML element: its geometry and look as inline CSS,
+// the class naming its image, and the attributes of a web view's iframe. Runs on the serializer's queue.
+class Converter {
+ public:
+  // What every conversion of one serializer shares: the platform that renders contents the library cannot
+  // read itself.
+  class Context {
+   public:
+    explicit Context(std::shared_ptr<platform::Platform> platform) : platform_(std::move(platform)) {}
+    platform::Platform* platform() const { return platform_.get(); }
+
+   private:
+    std::shared_ptr<platform::Platform> platform_;
+  };
+
+  // Images met during conversions, by class name ("bg-" + hash), in the order they were met; the
+  // serializer turns them into style rules.
+  class AdditionalContent {
+   public:
+    void addImage(const std::string& className, std::shared_ptr<const EncodedImageData> image);
+    const std::vector<std::pair<std::string, std::shared_ptr<const EncodedImageData>>>& images() const {
+      return images_;
+    }
+    bool empty() const { return images_.empty(); }
+
+   private:
+    std::vector<std::pair<std::string, std::shared_ptr<const EncodedImageData>>> images_;
+  };
+
+  // Attribute name → value: "style" always, "class" with an image, "scrolling" and "sandbox" for web views.
+  using Attributes = std::map<std::string, std::string>;
+
+  // An image it encodes is stored back into the node's contents in encoded form, so it is encoded once.
+  static Attributes convert(const LayerTreeNode& node, AdditionalContent& additionalContent, Logger* logger,
+                            Context& context);
+};
+
+}  // namespace verdalune::sessionreplay

@@ -1,0 +1,385 @@
+#include "convert/converter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "common/recording_logger.h"
+#include "convert/visual_effect_filter_mapping.h"
+#include "verdalune/sim/drawing.h"
+
+namespace verdalune::sessionreplay {
+namespace {
+
+using platform::Color;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsSupersetOf;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+const Color kRed{1, 0, 0, 1};
+const Color kBlue{0, 0, 1, 1};
+constexpr std::string_view kBox = "height:40.0px; left:0.0px; top:30.0px; width:100.0px";
+
+// Renders contents only it can draw, recording each request; fails when told to.
+class RenderingPlatform final : public platform::Platform {
+ public:
+  std::shared_ptr<platform::Application> application() override { return nullptr; }
+  std::shared_ptr<platform::UserInterface> userInterface() override { return nullptr; }
+  std::shared_ptr<platform::HttpTransport> httpTransport() override { return nullptr; }
+  std::unique_ptr<platform::PathMonitor> makePathMonitor() override { return nullptr; }
+  std::shared_ptr<platform::GpuCommandQueue> makeGpuCommandQueue() override { return nullptr; }
+  std::shared_ptr<platform::Surface> makeSurface(const platform::SurfaceProperties&) override {
+    return nullptr;
+  }
+  std::optional<platform::Bitmap> renderContents(const platform::ContentsRenderRequest& request) override {
+    requests.push_back(request);
+    if (fails) return std::nullopt;
+    return sim::solidBitmap(10, 20, kRed);
+  }
+  bool fails = false;
+  std::vector<platform::ContentsRenderRequest> requests;
+};
+
+// A 100 × 40 layer whose box is at (0, 30) in its parent, changed by `change`.
+LayerTreeNode layer(const std::function<void(LayerSnapshot&)>& change = {}) {
+  LayerTreeNode node;
+  LayerSnapshot& s = node.snapshot;
+  s.layerClass = "CALayer";
+  s.position = {50, 50};
+  s.anchorPoint = {0.5, 0.5};
+  s.bounds = {{0, 0}, {100, 40}};
+  s.frame = {{0, 30}, {100, 40}};
+  s.contentsRect = s.modelContentsRect = platform::kUnitRect;
+  s.contentsGravity = "center";
+  s.shadowOffset = {0, -3};
+  s.shadowRadius = 3;
+  if (change) change(s);
+  return node;
+}
+
+LayerTreeNode showing(LayerContents::Contents contents,
+                      const std::function<void(LayerSnapshot&)>& change = {}) {
+  LayerTreeNode node = layer(change);
+  node.contents = std::make_shared<LayerContents>(std::move(contents), LayerContents::NoMetadata{});
+  return node;
+}
+
+std::shared_ptr<const EncodedImageData> encoded(std::string hash, platform::Size size) {
+  return std::make_shared<const EncodedImageData>(
+      EncodedImageData{.hash = std::move(hash), .data = {1}, .originalImageSize = size});
+}
+
+// What the node's contents hold after a conversion: their encoded form, or null.
+std::shared_ptr<const EncodedImageData> stored(const LayerTreeNode& node) {
+  const LayerContents::Contents contents = node.contents->contents();
+  const auto* prehashed = std::get_if<LayerContents::Prehashed>(&contents);
+  return prehashed ? prehashed->encodedImageData : nullptr;
+}
+
+class ConverterTest : public ::testing::Test {
+ protected:
+  Converter::Attributes convert(const LayerTreeNode& node) {
+    return Converter::convert(node, images, &logger, context);
+  }
+  std::string style(const LayerTreeNode& node) { return convert(node).at("style"); }
+  std::vector<std::string> declarations(const LayerTreeNode& node) {
+    std::vector<std::string> found;
+    std::string text = style(node) + "; ";
+    for (std::size_t start = 0, end; (end = text.find("; ", start)) != std::string::npos; start = end + 2) {
+      found.push_back(text.substr(start, end - start));
+    }
+    return found;
+  }
+
+  std::shared_ptr<RenderingPlatform> platform = std::make_shared<RenderingPlatform>();
+  Converter::Context context{platform};
+  Converter::AdditionalContent images;
+  RecordingLogger logger;
+};
+
+TEST_F(ConverterTest, PlacesTheBoxByPositionAndAnchorAndSortsDeclarationsByTheirWholeText) {
+  EXPECT_EQ(convert(layer([](LayerSnapshot& s) {
+              s.frame = {{-500, -500}, {1, 1}};
+              s.backgroundColor = kRed;
+            })),
+            (Converter::Attributes{{"style", "background-color:#FF0000FF; " + std::string(kBox)}}));
+  // "border-radius:" sorts before "border:", "transform-origin:" before "transform:".
+  EXPECT_EQ(style(layer([](LayerSnapshot& s) {
+              s.borderWidth = 2;
+              s.cornerRadius = 4;
+              s.maskedCorners = 15;
+              s.transform.m[0] = s.transform.m[5] = 2;
+            })),
+            "border-radius:4.0px 4.0px 4.0px 4.0px; border:2.0px solid #000000FF; height:40.0px; left:0.0px; "
+            "top:30.0px; transform-origin:50.0% 50.0%; transform:matrix(2.0, 0.0, 0.0, 2.0, 0.0, 0.0); "
+            "width:100.0px");
+}
+
+TEST_F(ConverterTest, CornerRadiusTakesTheShortFormOnlyForMask14) {
+  for (const auto& [mask, expected] :
+       std::vector<std::pair<std::uint32_t, std::string>>{{15, "8.0px 8.0px 8.0px 8.0px"},
+                                                          {14, "8.0px"},
+                                                          {3, "8.0px 8.0px 0.0px 0.0px"},
+                                                          {8, "0.0px 0.0px 8.0px 0.0px"}}) {
+    EXPECT_THAT(declarations(layer([mask](LayerSnapshot& s) {
+                  s.cornerRadius = 8;
+                  s.maskedCorners = mask;
+                })),
+                Contains("border-radius:" + expected));
+  }
+}
+
+TEST_F(ConverterTest, AffineTransformsWriteMatrixAndOthersMatrix3dWithADepthOrigin) {
+  EXPECT_THAT(
+      declarations(layer([](LayerSnapshot& s) {
+        s.anchorPoint = {0.25, 1};
+        s.transform.m = {0, 1, 0, 0, -1, 0, 0, 0, 0, 0, 1, 0, 5, -7, 0, 1};
+      })),
+      IsSupersetOf({"transform:matrix(0.0, 1.0, -1.0, 0.0, 5.0, -7.0)", "transform-origin:25.0% 100.0%"}));
+  EXPECT_THAT(
+      declarations(layer([](LayerSnapshot& s) {
+        s.anchorPointZ = 3;
+        s.transform.m[11] = -0.002;
+      })),
+      IsSupersetOf({"transform:matrix3d(1.0, 0.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 0.0, 1.0, -0.002, 0.0, "
+                    "0.0, 0.0, 1.0)",
+                    "transform-origin:50.0% 50.0% 3.0px"}));
+}
+
+TEST_F(ConverterTest, ClipsWithOverflowUnlessTheBoundsShowOnlyPartOfTheFrame) {
+  EXPECT_EQ(style(layer([](LayerSnapshot& s) { s.masksToBounds = true; })),
+            "height:40.0px; left:0.0px; overflow:clip; top:30.0px; width:100.0px");
+  EXPECT_THAT(declarations(layer([](LayerSnapshot& s) {
+                s.masksToBounds = true;
+                s.bounds.origin.y = 10;
+              })),
+              IsSupersetOf({"margin-top:-10.0px", "clip-path:xywh(0.0px 10.0px 100.0px 40.0px )",
+                            "transform:translateZ(0)"}));
+  // Scaled up, so the frame differs: a rounded clip, and the layer's own transform instead of translateZ.
+  EXPECT_THAT(declarations(layer([](LayerSnapshot& s) {
+                s.masksToBounds = true;
+                s.frame.size = {200, 80};
+                s.cornerRadius = 6;
+                s.maskedCorners = 3;
+                s.transform.m[0] = s.transform.m[5] = 2;
+              })),
+              IsSupersetOf({"clip-path:xywh(0.0px 0.0px 100.0px 40.0px round 6.0px 6.0px 0.0px 0.0px)",
+                            "transform:matrix(2.0, 0.0, 0.0, 2.0, 0.0, 0.0)"}));
+}
+
+TEST_F(ConverterTest, WebViewsGetIframeAttributesAndABlockedOneOnlyItsShapeAndThePlaceholder) {
+  auto webView = [](LayerSnapshot& s) {
+    s.isWebView = true;
+    s.webViewInsets = {.top = 1, .left = 2, .bottom = 3, .right = 4};
+    s.backgroundColor = kRed;
+    s.webViewBackgroundColor = kBlue;
+    s.opacity = 0.5f;
+    s.isHidden = true;
+    s.borderWidth = 3;
+    s.shadowOpacity = 1;
+    s.compositingFilter = "multiply";
+  };
+  EXPECT_EQ(
+      style(layer(webView)),
+      "background-color:#0000FFFF; border:3.0px solid #000000FF; filter:drop-shadow(#000000FF 0.0px -3.0px "
+      "3.0px); height:40.0px; left:0.0px; mix-blend-mode:multiply; opacity:0.5; padding:1.0px 4.0px 3.0px "
+      "2.0px; top:30.0px; visibility:hidden; width:100.0px");
+
+  LayerTreeNode blocked = showing(LayerContents::Prehashed{encoded("AB", {4, 4})}, webView);
+  blocked.isBlocked = true;
+  blocked.visualEffect = VisualEffect::blur(0);
+  EXPECT_EQ(convert(blocked),
+            (Converter::Attributes{{"scrolling", "no"},
+                                   {"sandbox", "allow-same-origin"},
+                                   {"style",
+                                    "background-color:#D6D7DC; height:40.0px; left:0.0px; opacity:0.5; "
+                                    "padding:1.0px 4.0px 3.0px 2.0px; top:30.0px; width:100.0px"}}));
+  EXPECT_TRUE(images.empty());
+}
+
+TEST_F(ConverterTest, GradientsPairStopsAndScaleTheirAnglesByTheBoxInOppositeWays) {
+  auto gradient = [](std::string type, platform::Point end,
+                     std::optional<std::vector<double>> locations = {}) {
+    return layer([=](LayerSnapshot& s) {
+      s.gradientType = type;
+      s.gradientColors = std::vector<Color>{kRed, Color{0, 1, 0, 1}, kBlue};
+      s.gradientLocations = locations;
+      s.gradientStartPoint = platform::Point{0, 0};
+      s.gradientEndPoint = end;
+    });
+  };
+  const std::string stops = "#FF0000FF, #00FF00FF, #0000FFFF)";
+  EXPECT_THAT(
+      declarations(gradient("axial", {0, 1}, std::vector<double>{0, 0.3})),
+      Contains("background-image:linear-gradient(3.141592653589793rad, #FF0000FF 0.0%, #00FF00FF 30.0%)"));
+  EXPECT_THAT(declarations(gradient("axial", {1, 1})),
+              Contains("background-image:linear-gradient(2.761086276477428rad, " + stops));
+  EXPECT_THAT(declarations(gradient("conic", {1, 1})),
+              Contains("background-image:conic-gradient(from 1.9513027039072615rad at 0.0% 0.0%, " + stops));
+  EXPECT_THAT(
+      declarations(gradient("radial", {-0.5, 0.25}, std::vector<double>{0.25, 0.5, 1, 1})),
+      Contains("background-image:radial-gradient(50.0% 25.0% at 0.0% 0.0%, #FF0000FF 25.0%, #00FF00FF 50.0%, "
+               "#0000FFFF 100.0%)"));
+  EXPECT_EQ(style(gradient("cone", {1, 1})), kBox);
+}
+
+TEST_F(ConverterTest, EffectsFilterTheBackdropOrTheLayerAndAShadowTakesOverTheFilter) {
+  for (const std::string filter : {"destIn", "Multiply"}) {
+    EXPECT_EQ(style(layer([&](LayerSnapshot& s) { s.compositingFilter = filter; })), kBox);
+  }
+  LayerTreeNode backdrop = layer([](LayerSnapshot& s) { s.layerClass = "_UIVisualEffectBackdropLayer"; });
+  backdrop.visualEffect = VisualEffect::blur(1);
+  EXPECT_EQ(style(backdrop),
+            "-webkit-backdrop-filter:blur(30px) saturate(1.8);; backdrop-filter:blur(30px) "
+            "saturate(1.8);; " +
+                std::string(kBox));
+
+  // Vibrancy's blend mode replaces the compositing filter's, its transform the layer's own.
+  LayerTreeNode vibrant = layer([](LayerSnapshot& s) {
+    s.compositingFilter = "plusL";
+    s.transform.m[0] = 2;
+  });
+  vibrant.visualEffect = VisualEffect::vibrancy(12, 1);
+  EXPECT_EQ(
+      style(vibrant),
+      "filter:opacity(0.4) url(#vibrancy-light); height:40.0px; left:0.0px; mix-blend-mode:plus-darker; "
+      "top:30.0px; transform-origin:50.0% 50.0%; transform:translate3d(0,0,0); width:100.0px");
+
+  LayerTreeNode shadowed = layer([](LayerSnapshot& s) {
+    s.shadowOpacity = 0.5f;
+    s.shadowColor = Color{0, 0, 0, 0.5};
+  });
+  shadowed.visualEffect = VisualEffect::blur(0);
+  EXPECT_THAT(declarations(shadowed), Contains("filter:drop-shadow(#0000003F 0.0px -3.0px 3.0px)"));
+}
+
+TEST(VisualEffectFilterMapping, AdaptiveMaterialsLookLikeTheirLightTwinsAndUnknownStylesMapToNothing) {
+  auto css = VisualEffectFilterMapping::css;
+  for (int adaptive = 6; adaptive <= 10; ++adaptive) {
+    EXPECT_EQ(css(VisualEffect::blur(adaptive)).filter, css(VisualEffect::blur(adaptive + 5)).filter);
+    EXPECT_EQ(css(VisualEffect::vibrancy(adaptive, 2)).filter, "opacity(0.25) url(#vibrancy-light)");
+  }
+  EXPECT_EQ(css(VisualEffect::vibrancy(16, 1)).filter, "opacity(0.6) url(#vibrancy-dark)");
+  EXPECT_EQ(css(VisualEffect::vibrancy(16, 1)).blendMode, "plus-lighter");
+  EXPECT_EQ(css(VisualEffect::vibrancy(1, 3)).blendMode, "color-burn");
+  EXPECT_EQ(css(VisualEffect::vibrancy(2, 0)).blendMode, "color-dodge");
+  for (const VisualEffect& unknown :
+       {VisualEffect::noEffect(), VisualEffect::blur(21), VisualEffect::vibrancy(12, 8)}) {
+    EXPECT_FALSE(css(unknown).filter || css(unknown).blendMode);
+  }
+}
+
+TEST_F(ConverterTest, EncodedImagesArePlacedByTheGravityTableAndOnlyOnVisibleLayers) {
+  const auto image = encoded("C0FFEE", {24, 12});
+  for (const auto& [gravity, size, position] : std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"center", "24.0px 12.0px", "center"},
+           {"bottomLeft", "24.0px 12.0px", "bottom left"},
+           {"resize", "100% 100%", "0% 0%"},
+           {"resizeAspect", "contain", "center"},
+           {"resizeAspectFill", "cover", "0% 0%"},
+           {"right", "auto", "center"}}) {
+    const auto attributes = convert(
+        showing(LayerContents::Prehashed{image}, [&](LayerSnapshot& s) { s.contentsGravity = gravity; }));
+    EXPECT_EQ(attributes.at("class"), "bg-C0FFEE");
+    EXPECT_EQ(attributes.at("style"), "background-position:" + position +
+                                          "; background-repeat:no-repeat; background-size:" + size + "; " +
+                                          std::string(kBox));
+  }
+  ASSERT_EQ(images.images().size(), 1u);
+  EXPECT_EQ(images.images()[0], std::make_pair(std::string("bg-C0FFEE"), image));
+
+  EXPECT_FALSE(convert(showing(LayerContents::Prehashed{image}, [](LayerSnapshot& s) {
+                 s.isHidden = true;
+               })).contains("class"));
+  EXPECT_FALSE(convert(showing(LayerContents::Prehashed{image}, [](LayerSnapshot& s) {
+                 s.opacity = 0;
+               })).contains("class"));
+}
+
+TEST_F(ConverterTest, BitmapContentsAreCroppedThenEncodedOnceForEveryLayerSharingThem) {
+  LayerTreeNode node =
+      showing(LayerContents::CgImage{std::make_shared<platform::Bitmap>(sim::solidBitmap(40, 20, kRed))},
+              [](LayerSnapshot& s) {
+                s.modelContentsRect = {{0.5, 0}, {0.5, 1}};
+              });
+  const auto first = convert(node);
+  const auto image = stored(node);
+  ASSERT_NE(image, nullptr);
+  EXPECT_EQ(first.at("class"), "bg-" + image->hash);
+  EXPECT_THAT(first.at("style"), HasSubstr("background-size:20.0px 20.0px"));
+
+  LayerTreeNode sharing = layer();
+  sharing.contents = node.contents;
+  EXPECT_EQ(convert(sharing).at("class"), first.at("class"));
+  EXPECT_EQ(stored(sharing), image);
+  ASSERT_EQ(images.images().size(), 1u);
+  EXPECT_EQ(images.images()[0].second, image);
+}
+
+TEST_F(ConverterTest, StretchableImagesAreRedrawnAtTheLayerSize) {
+  auto image = [](sim::SimImage::Options options) {
+    return LayerContents::UiImage{sim::SimImage::fromBitmap(sim::solidBitmap(10, 10, kRed), options)};
+  };
+  EXPECT_THAT(declarations(showing(image({}))), Contains("background-size:10.0px 10.0px"));
+  EXPECT_THAT(declarations(showing(image({.capInsets = {.top = 2}}))),
+              Contains("background-size:100.0px 40.0px"));
+  EXPECT_THAT(declarations(showing(image({.className = "_UIResizableImage"}))),
+              Contains("background-size:100.0px 40.0px"));
+
+  // Nothing can be drawn at a zero size: logged, and no image.
+  LayerTreeNode flat =
+      showing(image({.capInsets = {.top = 2}}), [](LayerSnapshot& s) { s.bounds.size = {}; });
+  EXPECT_FALSE(convert(flat).contains("class"));
+  EXPECT_THAT(logger.errors(), ElementsAre(StartsWith("[Converter] Error processing UIImage: ")));
+}
+
+TEST_F(ConverterTest, TexturesAndSurfacesArePlacedAtTheirPointSize) {
+  auto texture = [](sim::SimTexture::Options options) {
+    return LayerContents::MtlTexture{
+        std::make_shared<sim::SimTexture>(sim::solidBitmap(20, 10, kRed), options)};
+  };
+  EXPECT_THAT(declarations(showing(texture({}), [](LayerSnapshot& s) { s.contentScale = 2; })),
+              Contains("background-size:10.0px 5.0px"));
+  EXPECT_THAT(declarations(showing(texture({}), [](LayerSnapshot& s) { s.contentScale = 0; })),
+              Contains("background-size:20.0px 10.0px"));
+  EXPECT_FALSE(convert(showing(texture({.framebufferOnly = true}))).contains("class"));
+
+  auto snapshot = std::make_shared<IOSurfaceSnapshotter::Snapshot>(
+      IOSurfaceSnapshotter::Key{1, 1},
+      std::make_shared<const platform::Bitmap>(sim::solidBitmap(8, 4, kRed, 2)));
+  EXPECT_THAT(declarations(showing(LayerContents::IOSurfaceSnapshot{snapshot},
+                                   [](LayerSnapshot& s) { s.contentScale = 2; })),
+              Contains("background-size:4.0px 2.0px"));
+  EXPECT_TRUE(logger.errors().empty());
+}
+
+TEST_F(ConverterTest, UnknownContentsAreRenderedByThePlatformInWholePointBounds) {
+  const auto opaque = std::make_shared<sim::SimOpaqueContents>("_UIPrivateContents", kRed);
+  LayerTreeNode node = showing(LayerContents::Unknown{opaque}, [](LayerSnapshot& s) {
+    s.bounds = {{0.7, -1.5}, {10.9, 20.2}};
+    s.backgroundColor = kBlue;
+    s.contentScale = 3;
+    s.isGeometryFlipped = s.isOpaque = true;
+  });
+  EXPECT_TRUE(convert(node).contains("class"));
+  ASSERT_EQ(platform->requests.size(), 1u);
+  const platform::ContentsRenderRequest& request = platform->requests[0];
+  EXPECT_EQ(request.contents, opaque);
+  EXPECT_EQ(request.bounds, (platform::Rect{{0, -1}, {10, 20}}));
+  EXPECT_EQ(request.backgroundColor, kBlue);
+  EXPECT_EQ(request.contentsScale, 3);
+  EXPECT_TRUE(request.geometryFlipped && request.opaque);
+
+  platform->fails = true;
+  LayerTreeNode failing = showing(LayerContents::Unknown{opaque});
+  EXPECT_EQ(style(failing), kBox);
+  EXPECT_THAT(logger.errors(), ElementsAre(StartsWith("[Converter] Error processing unknown contents: ")));
+  EXPECT_EQ(stored(failing), nullptr);
+}
+
+}  // namespace
+}  // namespace verdalune::sessionreplay
