@@ -1,0 +1,183 @@
+import assert from 'node:assert/strict';
+import { execFile } from 'node:child_process';
+import { mkdir, mkdtemp, readFile, rm, writeFile } from 'node:fs/promises';
+import { tmpdir } from 'node:os';
+import path from 'node:path';
+import { after, before, describe, test } from 'node:test';
+import { fileURLToPath } from 'node:url';
+import { promisify } from 'node:util';
+import zlib from 'node:zlib';
+
+import { decodePackedEvent, launchBrowser, loadRecording, packEvent, replayEvents } from './replay.mjs';
+
+const here = path.dirname(fileURLToPath(import.meta.url));
+const fixture = (name) => path.join(here, 'fixtures', name);
+const readJson = async (name) => JSON.parse(await readFile(fixture(name), 'utf8'));
+
+let scratch;
+before(async () => { scratch = await mkdtemp(path.join(tmpdir(), 'vdl-replay-')); });
+after(async () => { await rm(scratch, { recursive: true, force: true }); });
+
+describe('reading recordings', () => {
+  test('block files of a folder are read in sequence order, not name order', async () => {
+    const events = await readJson('good.json');
+    const dir = path.join(scratch, 'blocks');
+    await mkdir(dir);
+    const lines = (list) => list.map(packEvent).join('\n') + '\n';
+    // Sequence 9 holds the first events; by name "..._10" would come first.
+    await writeFile(path.join(dir, 'device-a_42_9.replay'), lines(events.slice(0, 4)));
+    await writeFile(path.join(dir, 'device-a_42_10.replay'), lines(events.slice(4)));
+    assert.deepEqual(await loadRecording(dir), events);
+  });
+
+  test('upload bodies hold packed events as string literals, or as the bare Latin-1 text', async () => {
+    const events = await readJson('good.json');
+    const literals = events.map(packEvent);
+    const bodyOfLiterals = path.join(scratch, 'body-literals.json');
+    await writeFile(bodyOfLiterals, JSON.stringify({ events: literals }));
+    const bodyOfText = path.join(scratch, 'body-text.json');
+    await writeFile(bodyOfText, JSON.stringify({ events: literals.map((l) => JSON.parse(l)) }));
+    assert.deepEqual(await loadRecording([bodyOfLiterals, bodyOfText]), [...events, ...events]);
+  });
+
+  test('a packed line is one quoted literal of a sorted-key zlib stream that decodes back', () => {
+    const event = { type: 3, timestamp: 5, data: { source: 0, texts: [{ id: 1, value: 'a\nb/é' }], attributes: [], removes: [], adds: [] } };
+    const line = packEvent(event);
+    assert.match(line, /^"[^\n]*"$/);
+    const inflated = zlib.inflateSync(Buffer.from(JSON.parse(line), 'latin1')).toString('utf8');
+    assert.ok(inflated.startsWith('{"data":{"adds":[]'), inflated.slice(0, 40));
+    assert.ok(inflated.endsWith('"v":"v1"}'));
+    assert.deepEqual(decodePackedEvent(line), event);
+  });
+
+  test('damaged packed events are refused with their place in the file', async () => {
+    const good = JSON.parse(packEvent({ type: 4, timestamp: 1, data: {} }));
+    const cases = [
+      ['not Latin-1', JSON.stringify(good + 'Ā'), /:2: character U\+100 .* not Latin-1/],
+      ['not zlib', JSON.stringify('plain text'), /:2: not a zlib stream/],
+      ['no version', JSON.stringify(zlib.deflateSync('{"type":4}').toString('latin1')), /:2: the event has no "v":"v1"/],
+      ['cut literal', '"abc', /:2: not a JSON string literal/],
+    ];
+    for (const [name, badLine, message] of cases) {
+      const file = path.join(scratch, 'damaged.replay');
+      await writeFile(file, `${JSON.stringify(good)}\n${badLine}\n`);
+      await assert.rejects(loadRecording(file), message, name);
+    }
+  });
+});
+
+describe('replaying in Chromium', () => {
+  let browser;
+  before(async () => { browser = await launchBrowser(); });
+  after(async () => { await browser?.close(); });
+
+  const problemsOf = (result) => result.problems.map((p) => `#${p.index} [${p.kind}] ${p.message}`).join('\n');
+
+  test('a good recording replays cleanly, matches its checkpoints and is photographed at the chosen event', async () => {
+    const png = path.join(scratch, 'replay.png');
+    const result = await replayEvents(await readJson('good.json'), {
+      browser,
+      checkpoints: await readJson('good.checkpoints.json'),
+      screenshot: { path: png, at: { index: 5 } },
+    });
+    assert.equal(problemsOf(result), '');
+    assert.equal(result.checkpoints, 2);
+    assert.deepEqual(result.screenshot, { path: png, index: 5 });
+    const header = await readFile(png);
+    assert.equal(header.subarray(1, 4).toString(), 'PNG');
+    // The frame takes the size the Meta event gives the screen.
+    assert.deepEqual([header.readUInt32BE(16), header.readUInt32BE(20)], [390, 844]);
+  });
+
+  test('the same recording replays from block files', async () => {
+    const file = path.join(scratch, 'device-b_1_0.replay');
+    await writeFile(file, (await readJson('good.json')).map(packEvent).join('\n') + '\n');
+    const result = await replayEvents(await loadRecording(file), { browser });
+    assert.equal(problemsOf(result), '');
+  });
+
+  test('each broken recording fails at the event that breaks it', async () => {
+    const cases = [
+      ['bad-missing-parent.json', 3, 'missing node', /adds\[0\] puts node 104 under parent 999/],
+      ['bad-unknown-attribute-id.json', 3, 'missing node', /attributes\[0\] names node 777/],
+      ['bad-touch-missing-node.json', 3, 'missing node', /interaction \(type 7\) names node 555/],
+      ['bad-replayer-throws.json', 3, 'page error', /TypeError/],
+      ['bad-remove-wrong-parent.json', 3, 'replayer warning', /not a child of this node/],
+    ];
+    for (const [name, index, kind, message] of cases) {
+      const result = await replayEvents(await readJson(name), { browser });
+      assert.equal(result.ok, false, name);
+      assert.ok(result.problems.some((p) => p.index === index && p.kind === kind && message.test(p.message)),
+        `${name}:\n${problemsOf(result)}`);
+    }
+  });
+
+  test('faults that only show in the order of events or of a mutation are caught', async () => {
+    const good = await readJson('good.json');
+    const t0 = good[0].timestamp;
+    const mutation = (fields) => ({ type: 3, timestamp: t0 + 200,
+      data: { source: 0, texts: [], attributes: [], removes: [], adds: [], ...fields } });
+    const withWebView = (fullSnapshot) => {
+      const copy = structuredClone(fullSnapshot);
+      copy.data.node.childNodes[0].childNodes[1].childNodes.at(-1).childNodes.push(
+        { id: 110, type: 2, tagName: 'iframe', attributes: { style: 'left: 0px; top: 400px; width: 390px; height: 300px' }, childNodes: [] });
+      return copy;
+    };
+    const cases = [
+      // A touch whose own time is earlier than the capture that added its target plays before that capture.
+      ['touch before its target', [...good.slice(0, 2), mutation({ adds: good[2].data.adds }),
+        { type: 3, timestamp: t0 + 150, data: { source: 2, type: 7, id: 103, x: 1, y: 1, pointerType: 2 } }],
+        3, /names node 103/],
+      // Removing a node forgets its descendants, so they cannot be removed after it.
+      ['descendant removed after its ancestor', [...good.slice(0, 2), mutation({ removes: [{ parentId: 11, id: 15 }, { parentId: 100, id: 101 }] })],
+        2, /removes\[1\] names node 101, which was already removed/],
+      ['children inside an added node', [...good.slice(0, 2), mutation({ adds: [{ parentId: 100, node: { id: 300, type: 2, tagName: 'div', attributes: {},
+        childNodes: [{ id: 301, type: 2, tagName: 'div', attributes: {}, childNodes: [] }] } }] })],
+        2, /carries 1 child node/],
+      ['element added under an iframe', [good[0], withWebView(good[1]), mutation({ adds: [{ parentId: 110, node: { id: 112, type: 2, tagName: 'div', attributes: {}, childNodes: [] } }] })],
+        2, /puts node 112 under iframe 110/],
+      ['attribute value that is not text', [...good.slice(0, 2), mutation({ attributes: [{ id: 101, attributes: { 'data-n': 3 } }] })],
+        2, /sets "data-n" of node 101 to 3/],
+      ['duplicate id in a full snapshot', [good[0], { ...good[1], data: { ...good[1].data, node: { ...good[1].data.node,
+        childNodes: [...good[1].data.node.childNodes, { id: 11, type: 3, textContent: 'x' }] } } }],
+        1, /node id 11 is used twice/],
+      ['full snapshot without a Meta event before it', good.slice(1), 0, /no Meta event/],
+    ];
+    for (const [name, events, index, message] of cases) {
+      const result = await replayEvents(events, { browser });
+      assert.ok(result.problems.some((p) => p.index === index && message.test(p.message)), `${name}:\n${problemsOf(result)}`);
+    }
+  });
+
+  test('a replay that differs from its checkpoint fails with the differing nodes', async () => {
+    const checkpoints = await readJson('good.checkpoints.json');
+    const body = checkpoints[1].node.childNodes[0].childNodes[1];
+    const window = body.childNodes.at(-1);
+    window.childNodes[0].attributes.style = 'left: 0px; top: 0px; width: 390px; height: 120px';
+    window.childNodes.splice(1, 1); // the banner added by event 7
+    const result = await replayEvents(await readJson('good.json'), { browser, checkpoints });
+    const messages = result.problems.filter((p) => p.index === 7 && p.kind === 'checkpoint').map((p) => p.message);
+    assert.equal(messages.length, 2, problemsOf(result));
+    assert.match(messages[0], /node 101: style ".*height: 96px.*" in the replay, ".*height: 120px.*" expected/);
+    assert.match(messages[1], /the replay has node 105 \(<div> under node 100\)/);
+  });
+});
+
+describe('command line', () => {
+  const run = (args) => promisify(execFile)(process.execPath, [path.join(here, 'replay.mjs'), ...args])
+    .then(({ stdout }) => ({ code: 0, stdout }), (error) => ({ code: error.code, stdout: error.stdout, stderr: error.stderr }));
+
+  test('exit status and summary tell a good replay, a bad one and a bad call apart', async () => {
+    const [good, bad, usage] = await Promise.all([
+      run([fixture('good.json'), '--checkpoints', fixture('good.checkpoints.json')]),
+      run([fixture('bad-missing-parent.json')]),
+      run(['--at-index', '2', fixture('good.json')]),
+    ]);
+    assert.equal(good.code, 0, good.stdout);
+    assert.match(good.stdout, /^replay ok: 9 events .*\n  2 checkpoint\(s\) compared/);
+    assert.equal(bad.code, 1);
+    assert.match(bad.stdout, /replay FAILED.*\n  event #3 \(mutation \(1 adds\), t=\+200 ms\): \[missing node\] adds\[0\] puts node 104 under parent 999/);
+    assert.equal(usage.code, 2);
+    assert.match(usage.stderr, /--at-index and --at-time choose when to take --screenshot/);
+  });
+});
