@@ -83,6 +83,13 @@ void Snapshotter::stop() {
   serializer_->captureStopped();
 }
 
+void Snapshotter::serializerDidReset() {
+  application_->mainQueue()->async([weakSelf = weak_from_this()] {
+    auto self = weakSelf.lock();
+    if (self && self->activeSession_) self->webViewHandler_->detachAll();
+  });
+}
+
 void Snapshotter::onDisplay(const platform::DisplayFrame& frame) {
   if (!activeSession_) return;
   const bool isKeySnapshot = frame.timestamp - lastTimestamp_ >= kKeySnapshotInterval;

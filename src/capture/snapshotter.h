@@ -34,6 +34,15 @@ class CaptureReceiver {
   virtual void captureStopped() = 0;
 };
 
+// Told by the serializer when it starts its recording afresh (after a flush), so that capture can follow:
+// pages inside web views are asked for a fresh document of their own.
+class SerializerDelegate {
+ public:
+  virtual ~SerializerDelegate() = default;
+  // Any thread.
+  virtual void serializerDidReset() = 0;
+};
+
 // Who records the pages inside web views: the capture says which web views are shown unmasked (attach)
 // and which are not (detach), under the id of the web view's layer. Main queue only.
 class WebViewAttacher {
@@ -49,7 +58,7 @@ class WebViewAttacher {
 // ten a second), walks the windows of the first connected scene into a Snapshot, masking on the way
 // down, attaches the touch recognizer to every window it captures, and hands each capture and touch to
 // the receiver with the session's identifiers. Main queue only.
-class Snapshotter : public std::enable_shared_from_this<Snapshotter> {
+class Snapshotter : public SerializerDelegate, public std::enable_shared_from_this<Snapshotter> {
  public:
   static std::shared_ptr<Snapshotter> make(std::shared_ptr<platform::Platform> platform,
                                            std::shared_ptr<CaptureReceiver> serializer,
@@ -58,7 +67,7 @@ class Snapshotter : public std::enable_shared_from_this<Snapshotter> {
 
   Snapshotter(const Snapshotter&) = delete;
   Snapshotter& operator=(const Snapshotter&) = delete;
-  ~Snapshotter();
+  ~Snapshotter() override;
 
   // Begins capture, or restarts it when any of the three differs from the active session's; the same
   // three again change nothing.
@@ -66,6 +75,10 @@ class Snapshotter : public std::enable_shared_from_this<Snapshotter> {
   // Ends capture: web views detached, recognizers removed, display link invalidated, receiver told.
   void stop();
   bool isCapturing() const { return activeSession_.has_value(); }
+
+  // A new recording has no page documents: web views are detached, so the next capture attaches them
+  // again and their pages start recording afresh.
+  void serializerDidReset() override;
 
   // The display-refresh callback.
   void onDisplay(const platform::DisplayFrame& frame);

@@ -129,11 +129,25 @@ void Serializer::serialize(std::shared_ptr<const Snapshot> snapshot, const std::
 void Serializer::serializeNow(const std::shared_ptr<const Snapshot>& snapshot, const std::string& deviceId,
                               std::int64_t sessionId, std::int64_t timestamp) {
   std::shared_ptr<const Snapshot> previous = std::exchange(previousSnapshot_, snapshot);
+  recording_.emplace(deviceId, sessionId);
   if (!previous) {
     writeFullSnapshot(*snapshot, deviceId, sessionId, timestamp);
   } else {
     writeComparison(*previous, *snapshot, deviceId, sessionId, timestamp);
   }
+
+  // Pages are shown only inside unmasked web view elements of the recorded document: a page whose element
+  // went, or was masked, goes with it (its events may still arrive for a while), and waiting pages whose
+  // element arrived are shown now.
+  webViewElements_.clear();
+  auto collect = [&](auto& self, const LayerTreeNode& node) -> void {
+    if (node.snapshot.isWebView && !node.isBlocked) webViewElements_.insert(node.id);
+    for (const LayerTreeNode& child : node.children) self(self, child);
+  };
+  for (const LayerTreeNode& root : snapshot->windows) collect(collect, root);
+  std::erase_if(activeWebViewRecordingSessionsById_,
+                [&](const auto& entry) { return !webViewElements_.contains(entry.first); });
+  if (!pendingPages_.empty()) attachPendingPages(timestamp);
 }
 
 void Serializer::serializeTouch(const TouchEvent& touch, const std::string& deviceId,
@@ -182,8 +196,9 @@ void Serializer::captureStopped() {
   });
 }
 
-void Serializer::onWebviewEvent(std::int64_t /*layerId*/, std::string json) {
-  queue_->async([weakSelf = weak_from_this(), json = std::move(json)]() mutable {
+void Serializer::onWebviewEvent(std::int64_t layerId, std::string json) {
+  const std::int64_t timestamp = now();
+  queue_->async([weakSelf = weak_from_this(), layerId, json = std::move(json), timestamp]() mutable {
     auto self = weakSelf.lock();
     if (!self) return;
     for (const auto& [key, value] : self->webviewMappings_) {
@@ -197,15 +212,83 @@ void Serializer::onWebviewEvent(std::int64_t /*layerId*/, std::string json) {
       if (self->logger_) self->logger_->error("Failed to decode event: " + event.error().description);
       return;
     }
-    // Pages are merged into the recording by the web view bridge; until a page's document is attached
-    // under its web view, its events have nowhere to go.
+    self->receivePageEvent(layerId, std::move(*event), timestamp);
   });
+}
+
+// Page events take the time they reached the library: the page's clock and the native one may differ,
+// and a replay plays events in time order.
+void Serializer::receivePageEvent(std::int64_t layerId, rrweb::Event event, std::int64_t timestamp) {
+  if (auto* full = std::get_if<rrweb::FullSnapshotEvent>(&event.value)) {
+    // A new page, or the same page recording afresh: its document replaces the one shown before.
+    activeWebViewRecordingSessionsById_.erase(layerId);
+    pendingPages_[layerId] = PendingPage{std::move(full->node), {}};
+    attachPendingPages(timestamp);
+    return;
+  }
+  auto* incremental = std::get_if<rrweb::IncrementalSnapshotEvent>(&event.value);
+  // Meta, load and custom events of a page tell the native recording nothing.
+  if (incremental == nullptr) return;
+
+  if (auto session = activeWebViewRecordingSessionsById_.find(layerId);
+      session != activeWebViewRecordingSessionsById_.end()) {
+    writePageEvent(session->second, incremental->data, timestamp);
+  } else if (auto pending = pendingPages_.find(layerId); pending != pendingPages_.end()) {
+    if (pending->second.events.size() >= kMaxPendingPageEvents) {
+      pendingPages_.erase(pending);
+      dropPage("too many events before its web view was recorded");
+      return;
+    }
+    pending->second.events.push_back(std::move(incremental->data));
+  } else {
+    dropPage("an event before its page's document");
+  }
+}
+
+void Serializer::dropPage(std::string_view why) {
+  if (logger_) logger_->log(std::string("[Serializer] dropped a web view event: ") + std::string(why));
+}
+
+void Serializer::writePageEvent(WebViewRecordingSession& session, const rrweb::IncrementalData& data,
+                                std::int64_t timestamp) {
+  if (!recording_) return;
+  auto translated = translate(data, session);
+  if (!translated) {
+    dropPage(translated.error().description);
+    return;
+  }
+  write(rrweb::IncrementalSnapshotEvent{.timestamp = timestamp, .data = std::move(*translated)},
+        recording_->first, recording_->second);
+}
+
+// Shows each waiting page in its web view's element once that element is in the recording: the page's
+// document, in native ids, under the element, then the page events that waited with it.
+void Serializer::attachPendingPages(std::int64_t timestamp) {
+  if (!recording_ || !previousSnapshot_) return;
+  for (auto pending = pendingPages_.begin(); pending != pendingPages_.end();) {
+    const std::int64_t layerId = pending->first;
+    if (!webViewElements_.contains(layerId)) {
+      ++pending;
+      continue;
+    }
+    WebViewRecordingSession session{.rootId = layerId};
+    rrweb::Node document = translateNewNode(pending->second.document, *session.idMap);
+    session.documentId = std::visit([](const auto& record) { return record.id; }, document.value);
+    rrweb::MutationData attach{.isAttachIframe = true};
+    attach.adds.push_back({.parentId = layerId, .nextId = std::nullopt, .node = std::move(document)});
+    write(rrweb::IncrementalSnapshotEvent{.timestamp = timestamp, .data = std::move(attach)},
+          recording_->first, recording_->second);
+    auto& active = activeWebViewRecordingSessionsById_[layerId] = std::move(session);
+    for (const auto& data : pending->second.events) writePageEvent(active, data, timestamp);
+    pending = pendingPages_.erase(pending);
+  }
 }
 
 void Serializer::flush() {
   queue_->async([weakSelf = weak_from_this()] {
     auto self = weakSelf.lock();
     if (!self) return;
+    self->activeWebViewRecordingSessionsById_.clear();
     if (auto delegate = self->delegate_.lock()) delegate->serializerDidReset();
     self->reset();
     self->storageCoordinator_->flush();
@@ -219,6 +302,9 @@ bool Serializer::touchable(std::int64_t timestamp) const {
 }
 
 void Serializer::reset() {
+  activeWebViewRecordingSessionsById_.clear();
+  pendingPages_.clear();
+  webViewElements_.clear();
   existingImageIdentifiers_.clear();
   previousSnapshot_.reset();
   elementsWithClass_.clear();

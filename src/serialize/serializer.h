@@ -10,19 +10,13 @@
 #include "capture/snapshotter.h"
 #include "convert/converter.h"
 #include "rrweb/events.h"
+#include "serialize/web_view_translation.h"
 #include "storage/storage_coordinator.h"
 #include "support/queue.h"
 #include "verdalune/logger.h"
 #include "verdalune/platform/platform.h"
 
 namespace verdalune::sessionreplay {
-
-// Told when the serializer starts its recording afresh (after a flush), so that capture can follow.
-class SerializerDelegate {
- public:
-  virtual ~SerializerDelegate() = default;
-  virtual void serializerDidReset() = 0;
-};
 
 // Turns the stream of captures into rrweb events: the first capture of a recording becomes a Meta event
 // and a full snapshot of an HTML document, every later one the mutation that takes the previous document
@@ -62,8 +56,14 @@ class Serializer final : public CaptureReceiver, public std::enable_shared_from_
                            std::int64_t sessionId) override;
   void captureStopped() override;
 
-  // An event recorded inside the web view whose layer is `layerId`, as the page posted it.
+  // An event recorded inside the web view whose layer is `layerId`, as the page posted it. A page's full
+  // snapshot becomes its document attached under the web view's element (once that element is in the
+  // recording); its other events follow in native ids. Events with nowhere to go are dropped and logged.
   void onWebviewEvent(std::int64_t layerId, std::string json);
+
+  // At most this many page events wait for their web view's element to be recorded; a page that posts
+  // more before then is dropped whole and shows up with its next full snapshot.
+  static constexpr std::size_t kMaxPendingPageEvents = 1000;
 
   // Behind all earlier work: forgets the recording (the next capture is a full snapshot again, with every
   // image rule) and flushes storage.
@@ -77,6 +77,11 @@ class Serializer final : public CaptureReceiver, public std::enable_shared_from_
   explicit Serializer(Options options);
 
   struct Changes;
+  // A page whose full snapshot arrived before its web view's element was in the recording.
+  struct PendingPage {
+    rrweb::Node document;
+    std::vector<rrweb::IncrementalData> events;
+  };
 
   void writeFullSnapshot(const Snapshot& snapshot, const std::string& deviceId, std::int64_t sessionId,
                          std::int64_t timestamp);
@@ -92,6 +97,11 @@ class Serializer final : public CaptureReceiver, public std::enable_shared_from_
   void reset();
   void write(rrweb::Event event, const std::string& deviceId, std::int64_t sessionId);
   std::int64_t now() const;
+  void receivePageEvent(std::int64_t layerId, rrweb::Event event, std::int64_t timestamp);
+  void writePageEvent(WebViewRecordingSession& session, const rrweb::IncrementalData& data,
+                      std::int64_t timestamp);
+  void attachPendingPages(std::int64_t timestamp);
+  void dropPage(std::string_view why);
 
   const std::shared_ptr<platform::Platform> platform_;
   const std::shared_ptr<Logger> logger_;
@@ -109,6 +119,12 @@ class Serializer final : public CaptureReceiver, public std::enable_shared_from_
   // Elements that carry a class now: an image that goes must have its class removed explicitly, since an
   // attribute mutation only sets what it names.
   std::unordered_set<std::int64_t> elementsWithClass_;
+  // Where page events go: the identifiers of the recording the last capture went to, the web view
+  // elements in its document, and the pages shown in them.
+  std::optional<std::pair<std::string, std::int64_t>> recording_;
+  std::unordered_set<std::int64_t> webViewElements_;
+  std::map<std::int64_t, WebViewRecordingSession> activeWebViewRecordingSessionsById_;
+  std::map<std::int64_t, PendingPage> pendingPages_;
 };
 
 }  // namespace verdalune::sessionreplay

@@ -441,6 +441,92 @@ TEST_F(SerializerTest, ImagesAreSentOnceAndAgainAfterAFlush) {
       << "with its rules again";
 }
 
+// A page as the injected recorder sends it: a document (1) with <html> (2) holding an <input> (3).
+constexpr std::string_view kPageSnapshot =
+    R"({"type":2,"timestamp":1,"data":{"node":{"type":0,"id":1,"childNodes":[{"type":2,"id":2,"tagName":"html",)"
+    R"("attributes":{},"childNodes":[{"type":2,"id":3,"tagName":"input","attributes":{},"childNodes":[]}]}]},)"
+    R"("initialOffset":{"top":0,"left":0}}})";
+constexpr std::string_view kPageInput =
+    R"({"type":3,"timestamp":2,"data":{"source":5,"id":3,"text":"__SECRET__ and __SECRET__","isChecked":false}})";
+
+TEST_F(SerializerTest, PagesAreAttachedUnderTheirWebViewInNativeIds) {
+  auto withWebView = [](bool blocked) {
+    auto snapshot = std::const_pointer_cast<Snapshot>(captureOf({{100, 0, {{500}}}}));
+    snapshot->windows[0].children[0].snapshot.isWebView = true;
+    snapshot->windows[0].children[0].isBlocked = blocked;
+    return std::shared_ptr<const Snapshot>(snapshot);
+  };
+  serializer->onWebviewEvent(500, std::string(kPageInput));
+  serializer->onWebviewEvent(500, std::string(kPageSnapshot));
+  serializer->onWebviewEvent(500, std::string(kPageInput));
+  device->app()->runUntilIdle();
+  EXPECT_TRUE(storage->events.empty()) << "no web view element yet: the page waits";
+  EXPECT_EQ(logger->logs().size(), 1u) << "the event from before any document is dropped";
+
+  capture(withWebView(true));
+  EXPECT_EQ(storage->events.size(), 2u) << "a masked web view never shows its page";
+  capture(withWebView(false));
+  ASSERT_EQ(storage->events.size(), 5u) << "the changed element, the page's document, the input that waited";
+
+  Dom replayed(std::get<rrweb::FullSnapshotEvent>(storage->events[1].value).node);
+  replayed.apply(std::get<rrweb::MutationData>(
+      std::get<rrweb::IncrementalSnapshotEvent>(storage->events[2].value).data.value));
+  const auto& attach = std::get<rrweb::MutationData>(
+      std::get<rrweb::IncrementalSnapshotEvent>(storage->events[3].value).data.value);
+  EXPECT_EQ(attach.isAttachIframe, true);
+  ASSERT_EQ(attach.adds.size(), 1u);
+  EXPECT_EQ(attach.adds[0].parentId, 500);
+  const auto& document = std::get<rrweb::DocumentNode>(attach.adds[0].node.value);
+  const auto& html = std::get<rrweb::ElementNode>(document.childNodes.at(0).value);
+  const auto inputId = std::get<rrweb::ElementNode>(html.childNodes.at(0).value).id;
+  EXPECT_GE(document.id, 100) << "page ids are drawn from the native counter";
+  EXPECT_NE(inputId, 3);
+
+  const auto& input = std::get<rrweb::InputData>(
+      std::get<rrweb::IncrementalSnapshotEvent>(storage->events[4].value).data.value);
+  EXPECT_EQ(input.id, inputId);
+  EXPECT_EQ(input.text, "masked and masked") << "every occurrence of a mapping key is replaced";
+
+  serializer->onWebviewEvent(500, R"({"type":3,"timestamp":3,"data":{"source":2,"type":2,"id":77}})");
+  serializer->onWebviewEvent(500, R"({"type":3,"timestamp":3,"data":{"source":4,"width":1,"height":1}})");
+  device->app()->runUntilIdle();
+  EXPECT_EQ(storage->events.size(), 5u) << "an unknown id and a page viewport change are dropped";
+  EXPECT_EQ(logger->logs().size(), 3u);
+
+  // A flush starts a new recording: the old page document is gone until the page sends a new one.
+  serializer->flush();
+  capture(withWebView(false));
+  serializer->onWebviewEvent(500, std::string(kPageInput));
+  device->app()->runUntilIdle();
+  EXPECT_EQ(storage->events.size(), 7u) << "Meta and full snapshot only";
+}
+
+TEST(WebViewTranslationTest, NewNodesGetNewIdsAndKnownOnesTheirOwn) {
+  WebViewRecordingSession session{.rootId = 500};
+  const std::int64_t body = session.idMap->localOrNew(5);
+  rrweb::MutationData mutation;
+  mutation.adds.push_back({.parentId = 5, .nextId = 9, .node = rrweb::TextNode{.id = 8}});
+  mutation.adds.push_back({.parentId = 5, .nextId = std::nullopt, .node = rrweb::TextNode{.id = 9}});
+  mutation.attributes.push_back({.id = 5});
+  auto translated = translate(rrweb::IncrementalData(mutation), session);
+  ASSERT_TRUE(translated);
+  const auto& result = std::get<rrweb::MutationData>(translated->value);
+  EXPECT_EQ(result.adds[0].parentId, body);
+  EXPECT_EQ(result.adds[0].nextId, session.idMap->local(9)) << "a next sibling added in the same mutation";
+  EXPECT_EQ(result.attributes[0].id, body);
+
+  rrweb::StyleSheetRuleData rule{.id = 5, .styleId = 1};
+  const auto first =
+      std::get<rrweb::StyleSheetRuleData>(translate(rrweb::IncrementalData(rule), session)->value);
+  const auto again =
+      std::get<rrweb::StyleSheetRuleData>(translate(rrweb::IncrementalData(rule), session)->value);
+  EXPECT_EQ(first.styleId, again.styleId);
+  EXPECT_NE(first.styleId, 1);
+
+  rrweb::SelectionData selection{.ranges = {{.start = 5, .end = 6}}};
+  EXPECT_FALSE(translate(rrweb::IncrementalData(selection), session)) << "node 6 was never shown";
+}
+
 TEST_F(SerializerTest, WebViewEventsAreMappedBeforeDecodingAndBadOnesLogged) {
   serializer->onWebviewEvent(100, "not json __SECRET__");
   device->app()->runUntilIdle();
