@@ -91,18 +91,51 @@
     return out;
   }
 
+  // A node the mirror still knows can be out of every shown document: one of a web page document that a
+  // later page document replaced in its iframe, or of the page inside an iframe that was removed (removing
+  // an iframe forgets only the iframe's own id). The Replayer applies changes to such nodes without a word.
+  function shown(node) {
+    if (!node) return false;
+    const doc = node.nodeType === Node.DOCUMENT_NODE ? node : node.ownerDocument;
+    return Boolean(doc && doc.defaultView) && (node === doc || node.isConnected);
+  }
+
+  function absence(id) {
+    const m = mirror();
+    if (!m.has(id)) return 'which is not in the replay';
+    if (!shown(m.getNode(id))) return 'whose document is no longer shown (replaced or removed)';
+    return null;
+  }
+
+  // A web page's document goes under its web view's iframe with its whole tree, which the Replayer builds
+  // into the iframe's document in one go.
+  function pageDocumentProblems(i, node, parentId, exists) {
+    const out = [];
+    const parent = exists(parentId) ? mirror().getNode(parentId) : null;
+    if (parent && parent.nodeName !== 'IFRAME') {
+      out.push(`adds[${i}] puts document node ${node.id} under <${parent.nodeName.toLowerCase()}> ${parentId}; the Replayer would reopen the replay's own document with it`);
+    }
+    const seen = new Set();
+    for (const id of serializedSubtreeIds(node, [])) {
+      if (seen.has(id)) out.push(`adds[${i}]: node id ${id} is used twice in document node ${node.id}`);
+      else if (mirror().has(id)) out.push(`adds[${i}]: document node ${node.id} holds node ${id}, an id the replay already uses`);
+      seen.add(id);
+    }
+    return out;
+  }
+
   function mutationProblems(d) {
     const out = [];
     const m = mirror();
     // rrweb applies all removes, then all adds, then texts, then attributes. Removing a node also forgets
     // every id beneath it, so a descendant listed after its ancestor is "not found".
     const gone = new Set();
-    const exists = (id) => m.has(id) && !gone.has(id);
+    const exists = (id) => m.has(id) && !gone.has(id) && shown(m.getNode(id));
     (d.removes || []).forEach((r, i) => {
       if (!exists(r.id)) {
         out.push(gone.has(r.id)
           ? `removes[${i}] names node ${r.id}, which was already removed with an ancestor earlier in this mutation`
-          : `removes[${i}] names node ${r.id}, which is not in the replay`);
+          : `removes[${i}] names node ${r.id}, ${absence(r.id)}`);
         return;
       }
       if (!exists(r.parentId)) out.push(`removes[${i}] names parent ${r.parentId} of node ${r.id}, which is not in the replay`);
@@ -116,7 +149,7 @@
       const isDocument = node.type === 0;
       if (!exists(a.parentId) && !added.has(a.parentId)) {
         if (isDocument) pendingDocuments.set(node.id, { index: current.index, parentId: a.parentId });
-        else out.push(`adds[${i}] puts node ${node.id} under parent ${a.parentId}, which is not in the replay`);
+        else out.push(`adds[${i}] puts node ${node.id} under parent ${a.parentId}, ${absence(a.parentId) || 'which is not in the replay'}`);
       }
       // rrweb holds a node back until its next sibling exists and retries within the same mutation only.
       if (a.nextId !== undefined && a.nextId !== null && a.nextId !== -1 && !exists(a.nextId) && !addedAnywhere.has(a.nextId)) {
@@ -124,6 +157,7 @@
       }
       if (!Number.isInteger(node.id)) out.push(`adds[${i}] has a node without an integer id`);
       if (isDocument) {
+        out.push(...pageDocumentProblems(i, node, a.parentId, exists));
         for (const id of serializedSubtreeIds(node, [])) added.add(id);
         return;
       }
@@ -162,12 +196,12 @@
   }
 
   function incrementalProblems(d) {
-    const m = mirror();
     const out = [];
     // -1 is how the web recorder marks a target it never serialized; the Replayer skips those events.
     const need = (what, id) => {
       if (id === -1) return;
-      if (!m.has(id)) out.push(`${what} names node ${id}, which is not in the replay`);
+      const why = absence(id);
+      if (why) out.push(`${what} names node ${id}, ${why}`);
     };
     switch (d.source) {
       case 0: return mutationProblems(d);
@@ -353,6 +387,28 @@
         return img.decode().catch(() => note('image', `an image of the replay does not decode: ${url.slice(0, 80)}`));
       }));
       await new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(resolve)));
+    },
+
+    // What the replay shows inside the iframe element `id`: its page's visible text, the values of its
+    // fields and how many style rules apply there.
+    iframeContent(id) {
+      const iframe = mirror().getNode(id);
+      if (!iframe || iframe.nodeName !== 'IFRAME') return { id, error: `node ${id} is not an iframe of the replay` };
+      const doc = iframe.contentDocument;
+      if (!doc || !doc.body) return { id, error: `iframe ${id} shows no page` };
+      const fields = [...doc.querySelectorAll('input, textarea, select')];
+      return {
+        id,
+        documentId: mirror().getId(doc),
+        doctype: doc.doctype ? doc.doctype.name : null,
+        compatMode: doc.compatMode,
+        scrollY: doc.defaultView.scrollY,
+        text: doc.body.innerText,
+        inputs: fields.map((field) => ({ id: mirror().getId(field), value: field.value })),
+        // The Replayer adds a style element of its own to every document it builds; only the page's count.
+        styleRules: [...doc.styleSheets].filter((sheet) => sheet.ownerNode && mirror().getId(sheet.ownerNode) !== -1)
+          .reduce((n, sheet) => n + sheet.cssRules.length, 0),
+      };
     },
 
     finish() {

@@ -2,8 +2,8 @@
 // Replays a recording in rrweb's own Replayer, in headless Chromium, and fails on anything that would make the
 // replay differ from what was recorded. Usable as a command and as a module (the browser tests import it).
 //
-//   node tests/browser/replay.mjs [--checkpoints FILE] [--screenshot PNG [--at-index N | --at-time MS]]
-//                                 [--max-problems N] [--json] INPUT...
+//   node tests/browser/replay.mjs [--checkpoints FILE] [--screenshot PNG] [--dump-iframe-text ID]
+//                                 [--at-index N | --at-time MS] [--max-problems N] [--json] INPUT...
 //
 // An INPUT is a JSON array of rrweb events, an upload body ({"events": [...]}), a block file (one packed
 // event per line) or a folder of block files.
@@ -215,7 +215,10 @@ function normalizeCheckpoints(checkpoints, count) {
 
 // Replays `events` (in recording order) and returns what went wrong. Options: browser (a launched one to
 // share; otherwise one is launched and closed here), checkpoints ([{index, node}]), screenshot ({path, at:
-// {index} | {time, relative}}), maxProblems.
+// {index} | {time, relative}}), iframes ([{id, at}]: what the iframe element `id` shows at that point, into
+// result.iframes as {id, index, documentId, doctype, compatMode, scrollY, text (body.innerText), inputs:
+// [{id, value}], styleRules}), maxProblems. Without `at`, a screenshot or an iframe is taken after the last
+// event.
 export async function replayEvents(events, options = {}) {
   const started = Date.now();
   const entries = events.map((event, index) => ({ index, event }));
@@ -232,7 +235,15 @@ export async function replayEvents(events, options = {}) {
 
   const checkpoints = normalizeCheckpoints(options.checkpoints, events.length);
   result.checkpoints = checkpoints.length;
-  const stopAt = options.screenshot ? playbackPosition(entries, options.screenshot.at) : null;
+  // Where playback pauses to look at the replay: for the screenshot and for each iframe to read.
+  const stops = [];
+  if (options.screenshot) stops.push({ position: playbackPosition(entries, options.screenshot.at), screenshot: options.screenshot });
+  for (const frame of options.iframes ?? []) {
+    if (!Number.isInteger(frame.id)) throw new RecordingError(`an iframe to read needs an integer node id, not ${frame.id}`);
+    stops.push({ position: playbackPosition(entries, frame.at), iframe: frame.id });
+  }
+  stops.sort((a, b) => a.position - b.position);
+  if (options.iframes) result.iframes = [];
   const meta = entries.find((e) => e.event.type === 4).event.data;
   const viewport = {
     width: Math.min(4096, Math.max(1, Math.ceil(Number(meta.width) || 800))),
@@ -271,11 +282,18 @@ export async function replayEvents(events, options = {}) {
       await page.evaluate((p) => window.vdlReplay.applyThrough(p), position);
       appliedThrough = position;
     };
-    if (stopAt !== null) {
-      await applyThrough(stopAt);
-      await page.evaluate(() => window.vdlReplay.settle());
-      await page.locator('#replay-root iframe').screenshot({ path: options.screenshot.path });
-      result.screenshot = { path: options.screenshot.path, index: entries[stopAt].index };
+    for (const stop of stops) {
+      await applyThrough(stop.position);
+      const index = entries[stop.position].index;
+      if (stop.screenshot) {
+        await page.evaluate(() => window.vdlReplay.settle());
+        await page.locator('#replay-root iframe').screenshot({ path: stop.screenshot.path });
+        result.screenshot = { path: stop.screenshot.path, index };
+      } else {
+        const frame = { ...await page.evaluate((id) => window.vdlReplay.iframeContent(id), stop.iframe), index };
+        if (frame.error) result.problems.push({ index, kind: 'iframe', message: frame.error });
+        result.iframes.push(frame);
+      }
     }
     await applyThrough(entries.length - 1);
     const end = await page.evaluate(() => window.vdlReplay.finish());
@@ -323,6 +341,10 @@ export function formatResult(result) {
   if (result.reordered) lines.push(`  note: ${result.reordered} events play in a different order than written (timestamps)`);
   if (result.checkpoints) lines.push(`  ${result.checkpoints} checkpoint(s) compared`);
   if (result.screenshot) lines.push(`  screenshot after event #${result.screenshot.index}: ${result.screenshot.path}`);
+  for (const frame of (result.iframes ?? []).filter((f) => !f.error)) {
+    lines.push(`  iframe ${frame.id} after event #${frame.index} shows: ${JSON.stringify(frame.text)}; fields: `
+      + `${JSON.stringify(frame.inputs.map((input) => input.value))}; ${frame.styleRules} style rule(s)`);
+  }
   if (result.blockedRequests.length) {
     lines.push(`  note: ${result.blockedRequests.length} network request(s) refused, first ${result.blockedRequests[0]}`);
   }
@@ -331,8 +353,8 @@ export function formatResult(result) {
 
 // ---- command line ----
 
-const USAGE = 'usage: node tests/browser/replay.mjs [--checkpoints FILE] [--screenshot PNG [--at-index N | --at-time MS|+MS]]'
-  + ' [--max-problems N] [--json] INPUT...';
+const USAGE = 'usage: node tests/browser/replay.mjs [--checkpoints FILE] [--screenshot PNG] [--dump-iframe-text ID]'
+  + ' [--at-index N | --at-time MS|+MS] [--max-problems N] [--json] INPUT...';
 
 export function parseArgs(argv) {
   const options = { inputs: [], json: false };
@@ -349,6 +371,7 @@ export function parseArgs(argv) {
     switch (arg) {
       case '--checkpoints': options.checkpoints = value(i, arg); i += 1; break;
       case '--screenshot': options.screenshot = value(i, arg); i += 1; break;
+      case '--dump-iframe-text': options.iframe = integer(value(i, arg), arg); i += 1; break;
       case '--at-index': options.at = { index: integer(value(i, arg), arg) }; i += 1; break;
       case '--at-time': {
         const text = value(i, arg);
@@ -365,7 +388,9 @@ export function parseArgs(argv) {
     }
   }
   if (!options.help && !options.inputs.length) throw new RecordingError(`no recording given\n${USAGE}`);
-  if (options.at && !options.screenshot) throw new RecordingError('--at-index and --at-time choose when to take --screenshot');
+  if (options.at && !options.screenshot && options.iframe === undefined) {
+    throw new RecordingError('--at-index and --at-time choose when to take --screenshot or --dump-iframe-text');
+  }
   return options;
 }
 
@@ -390,6 +415,7 @@ export async function main(argv) {
       checkpoints,
       maxProblems: options.maxProblems,
       screenshot: options.screenshot ? { path: options.screenshot, at: options.at } : undefined,
+      iframes: options.iframe !== undefined ? [{ id: options.iframe, at: options.at }] : undefined,
     });
     console.log(options.json ? JSON.stringify(result, null, 2) : formatResult(result));
     return result.ok ? 0 : 1;

@@ -123,7 +123,21 @@ describe('replaying in Chromium', () => {
         { id: 110, type: 2, tagName: 'iframe', attributes: { style: 'left: 0px; top: 400px; width: 390px; height: 300px' }, childNodes: [] });
       return copy;
     };
+    const page = await readJson('webview.json');
+    const attach = (parentId, renumber = (id) => id, dt = 0) => {
+      const event = structuredClone(page[2]);
+      event.timestamp += dt;
+      event.data.adds[0].parentId = parentId;
+      event.data.adds[0].node = JSON.parse(JSON.stringify(event.data.adds[0].node).replace(/"id":(\d+)/g, (_, id) => `"id":${renumber(Number(id))}`));
+      return event;
+    };
     const cases = [
+      ['page document under an element, not an iframe', [page[0], page[1], attach(100)], 2, /puts document node 300 under <div> 100/],
+      ['page document reusing an id of the replay', [page[0], page[1], attach(110, (id) => (id === 305 ? 101 : id))], 2,
+        /document node 300 holds node 101, an id the replay already uses/],
+      // A page recording restarted in the same web view: its first document is gone.
+      ['node of a page document that the next one replaced', [...page.slice(0, 3), attach(110, (id) => id + 100, 50), page[4]], 4,
+        /input names node 309, whose document is no longer shown/],
       // A touch whose own time is earlier than the capture that added its target plays before that capture.
       ['touch before its target', [...good.slice(0, 2), mutation({ adds: good[2].data.adds }),
         { type: 3, timestamp: t0 + 150, data: { source: 2, type: 7, id: 103, x: 1, y: 1, pointerType: 2 } }],
@@ -147,6 +161,14 @@ describe('replaying in Chromium', () => {
       const result = await replayEvents(events, { browser });
       assert.ok(result.problems.some((p) => p.index === index && message.test(p.message)), `${name}:\n${problemsOf(result)}`);
     }
+  });
+
+  test('a web page attached under its iframe replays whole; the page shows its text, typed value and style', async () => {
+    const result = await replayEvents(await readJson('webview.json'), { browser, iframes: [{ id: 110, at: { index: 2 } }, { id: 110 }] });
+    assert.equal(problemsOf(result), '');
+    const [attached, end] = result.iframes;
+    assert.deepEqual([attached.index, attached.documentId, attached.text], [2, 300, 'Hello page\none']);
+    assert.deepEqual([end.index, end.text, end.inputs, end.styleRules], [5, 'Hello page\nuno\ntwo', [{ id: 309, value: 'typed' }], 1]);
   });
 
   test('a replay that differs from its checkpoint fails with the differing nodes', async () => {
