@@ -1,7 +1,7 @@
 #pragma once
 
 #include "capture/layer_metadata.h"
-#include "facade/mask_level.h"
+#include "verdalune/mask_level.h"
 #include "verdalune/platform/application.h"
 #include "verdalune/platform/layer.h"
 

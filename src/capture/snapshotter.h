@@ -12,8 +12,8 @@
 #include "capture/masking.h"
 #include "capture/touch_capture.h"
 #include "capture/visual_effect.h"
-#include "facade/mask_level.h"
 #include "verdalune/logger.h"
+#include "verdalune/mask_level.h"
 #include "verdalune/platform/platform.h"
 
 namespace verdalune::sessionreplay {

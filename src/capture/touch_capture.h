@@ -7,10 +7,10 @@
 #include <string_view>
 #include <vector>
 
-#include "support/clock.h"
 #include "verdalune/platform/display.h"
 #include "verdalune/platform/geometry.h"
 #include "verdalune/platform/scene.h"
+#include "verdalune/support/clock.h"
 
 namespace verdalune::sessionreplay {
 

@@ -9,13 +9,13 @@
 #include <string_view>
 #include <variant>
 
-#include "facade/mask_level.h"
-#include "support/defaults_store.h"
-#include "support/queue.h"
 #include "upload/http_error.h"
 #include "upload/request_headers.h"
 #include "verdalune/logger.h"
+#include "verdalune/mask_level.h"
 #include "verdalune/platform/network.h"
+#include "verdalune/support/defaults_store.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay {
 

@@ -12,9 +12,9 @@
 #include "rrweb/events.h"
 #include "serialize/web_view_translation.h"
 #include "storage/storage_coordinator.h"
-#include "support/queue.h"
 #include "verdalune/logger.h"
 #include "verdalune/platform/platform.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay {
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "support/defaults_store.h"
+#include "verdalune/support/defaults_store.h"
 
 namespace verdalune::sessionreplay {
 

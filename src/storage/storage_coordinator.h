@@ -14,9 +14,9 @@
 #include "storage/block_state.h"
 #include "storage/block_store.h"
 #include "storage/versioned_event.h"
-#include "support/queue.h"
 #include "upload/upload_client.h"
 #include "verdalune/logger.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay {
 

@@ -1,4 +1,4 @@
-#include "support/clock.h"
+#include "verdalune/support/clock.h"
 
 namespace verdalune::sessionreplay {
 namespace {

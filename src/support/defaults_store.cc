@@ -1,4 +1,4 @@
-#include "support/defaults_store.h"
+#include "verdalune/support/defaults_store.h"
 
 #include <fcntl.h>
 #include <rapidjson/document.h>

@@ -1,4 +1,4 @@
-#include "support/queue.h"
+#include "verdalune/support/queue.h"
 
 #include <utility>
 

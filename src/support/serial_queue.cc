@@ -4,8 +4,8 @@
 #include <string>
 #include <utility>
 
-#include "support/queue.h"
 #include "support/work_list.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay {
 namespace {

@@ -12,7 +12,7 @@
 #include <optional>
 #include <utility>
 
-#include "support/queue.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay {
 

@@ -14,11 +14,11 @@
 #include <variant>
 #include <vector>
 
-#include "support/queue.h"
 #include "upload/http_error.h"
 #include "upload/request_headers.h"
 #include "verdalune/logger.h"
 #include "verdalune/platform/network.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay {
 

@@ -14,10 +14,10 @@
 
 #include "integration/collector_process.h"
 #include "integration/drive.h"
-#include "support/clock.h"
-#include "support/defaults_store.h"
-#include "support/queue.h"
 #include "upload/curl_transport.h"
+#include "verdalune/support/clock.h"
+#include "verdalune/support/defaults_store.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay {
 

@@ -4,7 +4,7 @@
 #include <functional>
 #include <thread>
 
-#include "support/queue.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay::testing {
 

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "support/clock.h"
-#include "support/queue.h"
+#include "verdalune/support/clock.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay {
 namespace {

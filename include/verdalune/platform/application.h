@@ -7,10 +7,10 @@
 #include <optional>
 #include <string>
 
-#include "support/clock.h"
-#include "support/defaults_store.h"
-#include "support/queue.h"
 #include "verdalune/platform/subscription.h"
+#include "verdalune/support/clock.h"
+#include "verdalune/support/defaults_store.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay::platform {
 

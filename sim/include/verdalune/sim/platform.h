@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "support/clock.h"
-#include "support/defaults_store.h"
-#include "support/queue.h"
 #include "verdalune/platform/platform.h"
 #include "verdalune/sim/drawing.h"
 #include "verdalune/sim/layer.h"
 #include "verdalune/sim/views.h"
 #include "verdalune/sim/web_view.h"
+#include "verdalune/support/clock.h"
+#include "verdalune/support/defaults_store.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay::sim {
 

@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
-#include "support/queue.h"
 #include "verdalune/platform/web_view.h"
 #include "verdalune/sim/views.h"
+#include "verdalune/support/queue.h"
 
 namespace verdalune::sessionreplay::sim {
 

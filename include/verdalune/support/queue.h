@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "support/clock.h"
+#include "verdalune/support/clock.h"
 
 namespace verdalune::sessionreplay {
 
