@@ -1,0 +1,199 @@
+#include "verdalune/session_replay.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "common/recording_logger.h"
+#include "facade/remote_config.h"
+#include "integration/collector_process.h"
+#include "integration/drive.h"
+#include "verdalune/sim/platform.h"
+#include "verdalune/sim/screen_builder.h"
+
+namespace verdalune::sessionreplay {
+namespace {
+
+using testing::CollectorProcess;
+using testing::driveUntil;
+
+static_assert(!std::is_default_constructible_v<SessionReplay>, "a recorder needs its parameters");
+
+constexpr std::string_view kSessionReplayId = "[Verdalune] Session Replay ID";
+
+std::string configBody(std::string_view level, bool captureEnabled, double sampleRate) {
+  return R"({"configs":{"sessionReplay":{"sr_ios_privacy_config":{"defaultMaskLevel":")" +
+         std::string(level) + R"("},"sr_ios_sampling_config":{"capture_enabled":)" +
+         (captureEnabled ? "true" : "false") + R"(,"sample_rate":)" + std::to_string(sampleRate) + "}}}}";
+}
+
+// Every queue of the library is the device's manual main queue, so a test runs everything on its own
+// thread and decides when.
+class SessionReplayTest : public ::testing::Test {
+ protected:
+  void SetUp() override { sim::ScreenBuilder(*device).window({0, 0, 390, 844}).build(); }
+
+  std::shared_ptr<SessionReplay> make(std::optional<std::string> deviceId, std::int64_t sessionId,
+                                      bool enableRemoteConfig = false,
+                                      std::shared_ptr<Logger> withLogger = nullptr,
+                                      std::string serverUrl = "http://127.0.0.1:9") {
+    return SessionReplay::make("test-key", std::move(deviceId), sessionId, false, 1.0f, {},
+                               withLogger ? withLogger : logger, ServerZone::US, MaskLevel::light,
+                               enableRemoteConfig, device,
+                               {.serverUrl = std::move(serverUrl),
+                                .makeQueue = [queue = device->app()->manualQueue()](std::string_view) {
+                                  return std::shared_ptr<Queue>(queue);
+                                }});
+  }
+  void run() { device->app()->runUntilIdle(); }
+  std::size_t pending() { return device->app()->manualQueue()->pendingCount(); }
+  std::vector<std::string> warnings() {
+    std::vector<std::string> found;
+    for (const auto& line : logger->lines()) {
+      if (line.starts_with("warn: ")) found.push_back(line.substr(6));
+    }
+    return found;
+  }
+
+  std::shared_ptr<sim::SimPlatform> device = std::make_shared<sim::SimPlatform>();
+  std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
+};
+
+TEST_F(SessionReplayTest, RecordsOnlyWithADeviceASessionAndTheForeground) {
+  auto replay = make(std::nullopt, 0);
+  replay->start();
+  run();
+  EXPECT_FALSE(replay->isCapturing());
+
+  replay->setDeviceId(std::nullopt);
+  EXPECT_EQ(pending(), 0u) << "absent to absent is no change";
+  replay->setDeviceId("device");
+  EXPECT_EQ(pending(), 1u);
+  run();
+  EXPECT_FALSE(replay->isCapturing()) << "session 0 is no session";
+  EXPECT_TRUE(replay->additionalEventProperties().empty());
+  replay->setSessionId(-3);
+  run();
+  EXPECT_FALSE(replay->isCapturing());
+
+  replay->setSessionId(42);
+  run();
+  EXPECT_TRUE(replay->isCapturing());
+  const std::size_t scheduled = pending();  // the display link's next frame
+  replay->setSessionId(42);
+  EXPECT_EQ(pending(), scheduled) << "the same session queues nothing and fetches nothing";
+  const auto properties = replay->additionalEventProperties();
+  ASSERT_EQ(properties.size(), 1u);
+  EXPECT_EQ(std::any_cast<std::string>(properties.at(std::string(kSessionReplayId))), "device/42");
+
+  device->app()->setActive(false);
+  run();
+  EXPECT_FALSE(replay->isCapturing());
+  EXPECT_EQ(replay->additionalEventProperties().size(), 1u) << "the background still belongs to the session";
+  device->app()->setActive(true);
+  run();
+  EXPECT_TRUE(replay->isCapturing());
+
+  replay->setSampleRate(0);
+  run();
+  EXPECT_TRUE(replay->isCapturing()) << "a new sample rate waits for the next decision";
+  EXPECT_TRUE(replay->additionalEventProperties().empty());
+  replay->setOptOut(true);
+  replay->setSampleRate(1);
+  run();
+  EXPECT_FALSE(replay->isCapturing());
+  replay->stop();
+  run();
+}
+
+TEST_F(SessionReplayTest, KeepsItselfAliveWhileStartedAndStopsCaptureWhenReleased) {
+  auto replay = make("device", 7);
+  std::weak_ptr<SessionReplay> weak = replay;
+  replay->start();
+  replay.reset();
+  run();
+  ASSERT_FALSE(weak.expired());
+  EXPECT_TRUE(weak.lock()->isCapturing());
+  ASSERT_EQ(device->ui()->displayLinks().size(), 1u);
+
+  weak.lock()->stop();
+  run();
+  EXPECT_TRUE(weak.expired());
+  EXPECT_TRUE(device->ui()->displayLinks().empty()) << "capture stopped with it";
+}
+
+TEST_F(SessionReplayTest, LogsItsConfigurationAndTheDefaultLoggerIsSilent) {
+  make("device", 7);
+  const std::vector<std::string> expected{
+      std::string(43, '-'), "Using parameters:",         "apiKey: test-key",
+      "optOut: false",      "captureEnabled: true",      "sampleRate: 1.0",
+      "maskLevel: light",   "enableRemoteConfig: false", std::string(43, '-')};
+  EXPECT_EQ(warnings(), expected);
+
+  ::testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStdout();
+  auto quiet = SessionReplay::make("test-key", "device", 7, false, 0.25f, {}, nullptr, ServerZone::EU,
+                                   MaskLevel::medium, false, device, {.serverUrl = "http://127.0.0.1:9"});
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(SessionReplayTest, ACachedConfigurationIsLoggedAsItWasThenApplied) {
+  RemoteConfigResponse cached;
+  cached.sessionReplayConfiguration = SessionReplayConfiguration{
+      .privacyConfiguration = SessionReplayPrivacyConfiguration{MaskLevel::conservative},
+      .samplingConfiguration =
+          SessionReplaySamplingConfiguration{.captureEnabled = true, .sampleRate = 0.5f}};
+  const auto json = encode(cached).value();
+  ASSERT_TRUE(device->app()->defaultsStore()->set(RemoteConfig::cacheKey("test-key"),
+                                                  std::vector<std::uint8_t>(json.begin(), json.end())));
+  auto replay = make("device", 7, true);
+  const auto lines = warnings();
+  ASSERT_GE(lines.size(), 9u);
+  EXPECT_EQ(lines[1], "Using cached remote config:");
+  EXPECT_EQ(lines[6], "maskLevel: light") << "the values from before the cache";
+  EXPECT_EQ(replay->maskLevel(), MaskLevel::conservative);
+  EXPECT_FLOAT_EQ(replay->sampleRate(), 0.5f);
+}
+
+TEST_F(SessionReplayTest, AFetchedConfigurationChangesTheDecisionOnlyWhenItDiffers) {
+  auto collector = CollectorProcess::start({.configs = {{"test-key", configBody("light", true, 1)}}});
+  auto replay = make("device", 7, true, nullptr, collector->baseUrl());
+  replay->start();
+  auto fetches = [&] {
+    std::size_t count = 0;
+    for (const auto& request : collector->requests()) count += request.path == "/config";
+    return count;
+  };
+  ASSERT_TRUE(
+      driveUntil(*device->app()->manualQueue(), [&] { return fetches() == 1 && replay->isCapturing(); }));
+  run();
+  for (const auto& line : warnings()) EXPECT_NE(line, "Using updated config values:") << "nothing changed";
+
+  collector = CollectorProcess::start({.configs = {{"test-key", configBody("medium", false, 1)}}});
+  auto second = make("device", 7, true, nullptr, collector->baseUrl());
+  second->start();
+  ASSERT_TRUE(driveUntil(*device->app()->manualQueue(), [&] {
+    const auto lines = warnings();
+    return std::ranges::find(lines, "Using updated config values:") != lines.end();
+  }));
+  run();
+  EXPECT_EQ(second->maskLevel(), MaskLevel::medium);
+  EXPECT_FALSE(second->isCapturing()) << "capture switched off remotely";
+  replay->stop();
+  second->stop();
+  run();
+}
+
+TEST(SessionReplayDeathTest, AnUnknownZoneStopsTheProcessNamingIt) {
+  auto device = std::make_shared<sim::SimPlatform>();
+  EXPECT_DEATH(SessionReplay::make("k", "d", 1, false, 1, {}, nullptr, static_cast<ServerZone>(7),
+                                   MaskLevel::light, false, device),
+               "unknown server zone 7");
+}
+
+}  // namespace
+}  // namespace verdalune::sessionreplay
