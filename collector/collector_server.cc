@@ -11,7 +11,9 @@
 #include <optional>
 #include <thread>
 
+#include "player_page.h"
 #include "rrweb/coding.h"
+#include "support/files.h"
 #include "support/json_writer.h"
 #include "track_body.h"
 
@@ -34,6 +36,11 @@ thread_local std::optional<std::chrono::steady_clock::time_point> requestStart;
 void answerText(Response& response, int status, std::string_view line) {
   response.status = status;
   response.set_content(std::string(line) + "\n", "text/plain");
+}
+
+void answerHtml(Response& response, int status, std::string html) {
+  response.status = status;
+  response.set_content(std::move(html), "text/html; charset=utf-8");
 }
 
 void answerJson(Response& response, int status, std::string json) {
@@ -282,6 +289,17 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
   // arrives percent-decoded, so an encoded slash in a device id is a plain one here.
   http_.Get(R"(/sessions/(.+)/(-?[0-9]+)/events)",
             [this](const Request& request, Response& response) { handleSessionEvents(request, response); });
+  // The page of a session. Its path ends in the session id, so it never takes an events path, which the
+  // route above is tried for first anyway.
+  http_.Get(R"(/sessions/(.+)/(-?[0-9]+))",
+            [this](const Request& request, Response& response) { handleSessionPage(request, response); });
+  http_.Get("/", [this](const Request&, Response& response) { handleSessionList(response); });
+  http_.Get(std::string(kPlayerScriptPath), [this](const Request&, Response& response) {
+    handlePlayerAsset(response, "rrweb-player/dist/rrweb-player.umd.cjs", "text/javascript; charset=utf-8");
+  });
+  http_.Get(std::string(kPlayerStylePath), [this](const Request&, Response& response) {
+    handlePlayerAsset(response, "rrweb-player/dist/style.css", "text/css; charset=utf-8");
+  });
 
   http_.Post("/_control/faults",
              local([this](const Request& request, Response& response) { handleFaults(request, response); }));
@@ -464,6 +482,54 @@ void CollectorServer::handleSessionEvents(const Request& request, Response& resp
                for (const auto& event : *events) asText ? writer.string(event) : writer.raw(event);
                writer.endArray();
              }));
+}
+
+void CollectorServer::handleSessionPage(const Request& request, Response& response) {
+  const std::string deviceId = request.matches[1];
+  const auto sessionId = parseInt64(request.matches[2].str(), "the session id");
+  if (!sessionId) return answerHtml(response, 400, messagePage("Bad session id", sessionId.error()));
+  const auto wantedKey = single(parseQuery(rawQuery(request)), "api_key");
+  if (!wantedKey) return answerHtml(response, 400, messagePage("Bad query", wantedKey.error()));
+
+  const auto sessions = database_.sessions();
+  if (!sessions) return answerHtml(response, 500, messagePage("Cannot read the sessions", sessions.error()));
+  std::vector<SessionSummary> matching;
+  for (const auto& session : *sessions) {
+    if (session.deviceId == deviceId && session.sessionId == *sessionId &&
+        (!*wantedKey || session.apiKey == **wantedKey)) {
+      matching.push_back(session);
+    }
+  }
+  if (matching.empty()) {
+    return answerHtml(response, 404,
+                      messagePage("No such session", "No session " + std::to_string(*sessionId) +
+                                                         " of device " + deviceId + " is stored here."));
+  }
+  // Two projects recorded the same ids: the list links each one under its api key.
+  if (matching.size() > 1) return answerHtml(response, 400, sessionListPage(matching));
+
+  answerHtml(response, 200, sessionPage(matching.front()));
+}
+
+void CollectorServer::handleSessionList(Response& response) {
+  const auto sessions = database_.sessions();
+  if (!sessions) return answerHtml(response, 500, messagePage("Cannot read the sessions", sessions.error()));
+  answerHtml(response, 200, sessionListPage(*sessions));
+}
+
+void CollectorServer::handlePlayerAsset(Response& response, const std::filesystem::path& file,
+                                        const char* contentType) {
+  // Read on every request, so that an npm install while the collector runs needs no restart.
+  const std::filesystem::path path = settings_.assetsDir / file;
+  auto contents = readWholeFile(path);
+  if (!contents) {
+    return answerText(response, 404,
+                      "cannot read " + path.string() + " (" + contents.error().message() +
+                          "); install the npm packages (scripts/install-deps.sh) or point --assets at a "
+                          "node_modules folder holding rrweb-player");
+  }
+  response.status = 200;
+  response.set_content(std::move(*contents), contentType);
 }
 
 void CollectorServer::handleFaults(const Request& request, Response& response) {

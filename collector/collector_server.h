@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <expected>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -23,6 +24,8 @@ struct ServerSettings {
   std::set<std::string> apiKeys;
   std::map<std::string, std::string> configs;  // api key -> remote configuration JSON, served as is
   std::size_t maxBodyBytes = 20 * 1024 * 1024;
+  // An npm node_modules folder holding rrweb-player, whose script and style the session pages load.
+  std::filesystem::path assetsDir;
 };
 
 // What the next track or config request meets instead of (or before) normal handling.
@@ -44,7 +47,8 @@ struct RecordedRequest {
 };
 
 // The collection service: the track and config endpoints of the wire protocol, the session read-back
-// endpoints, and the test controls (faults, the request record, reset).
+// endpoints, the pages that play sessions in rrweb's player, and the test controls (faults, the request
+// record, reset).
 //
 // bind() and run() are called from one thread; stop() from any thread, also while run() blocks. The
 // handlers run on the HTTP server's worker threads; requests_ and faults_ are guarded by mutex_.
@@ -67,6 +71,10 @@ class CollectorServer {
   void handleConfig(const httplib::Request& request, httplib::Response& response);
   void handleSessions(httplib::Response& response);
   void handleSessionEvents(const httplib::Request& request, httplib::Response& response);
+  void handleSessionPage(const httplib::Request& request, httplib::Response& response);
+  void handleSessionList(httplib::Response& response);
+  void handlePlayerAsset(httplib::Response& response, const std::filesystem::path& file,
+                         const char* contentType);
   void handleFaults(const httplib::Request& request, httplib::Response& response);
   void handleRequests(httplib::Response& response);
 

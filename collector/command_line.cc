@@ -20,10 +20,14 @@ std::optional<Number> parseNumber(std::string_view text, Number low, Number high
 
 }  // namespace
 
+std::string defaultAssetsDir() {
+  return VDL_NODE_MODULES_DIR;
+}
+
 std::string usage() {
   return R"(usage: vdl-collector --api-key KEY [options]
 
-Receives session replay blocks, stores them in SQLite and serves them back.
+Receives session replay blocks, stores them in SQLite, serves them back and plays them in rrweb's player.
 
   --api-key KEY          accept uploads bearing this key (repeatable; at least one)
   --config KEY=FILE      answer GET /config?api_key=KEY with the contents of FILE (repeatable);
@@ -32,6 +36,9 @@ Receives session replay blocks, stores them in SQLite and serves them back.
   --host ADDRESS         address to listen on (default 127.0.0.1)
   --db PATH              SQLite file (default vdl-collector.sqlite3 in the working directory)
   --max-body-bytes N     largest upload body accepted; larger ones get 413 (default 20971520)
+  --assets DIR           node_modules folder holding rrweb-player, whose script and style the session
+                         pages load (default )" +
+         defaultAssetsDir() + R"()
   --watch-stdin          stop when standard input reaches its end (ties the server to a parent process)
   --help                 print this text
 
@@ -43,6 +50,9 @@ Endpoints:
   GET  /config?api_key=KEY
   GET  /sessions
   GET  /sessions/DEVICE/SESSION/events[?api_key=KEY][&as=text]
+  GET  /sessions/DEVICE/SESSION[?api_key=KEY]        an HTML page playing the session
+  GET  /                                             an HTML list of the sessions, linked to their pages
+  GET  /player/rrweb-player.js   GET /player/style.css   the player's files, read from --assets
   POST /_control/faults   GET /_control/requests   POST /_control/reset   (from this host only)
 )";
 }
@@ -86,6 +96,9 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
       if (equals == std::string_view::npos || equals == 0 || equals + 1 == value->size())
         return std::unexpected("--config takes KEY=FILE");
       line.configFiles[std::string(value->substr(0, equals))] = value->substr(equals + 1);
+    } else if (option == "--assets") {
+      if (value->empty()) return std::unexpected("--assets must not be empty");
+      line.assetsDir = *value;
     } else if (option == "--max-body-bytes") {
       const auto bytes = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
       if (!bytes) return std::unexpected("--max-body-bytes takes a positive number");

@@ -10,6 +10,9 @@
 
 namespace verdalune::sessionreplay::collector {
 
+// The node_modules folder of the source tree the collector was built from.
+[[nodiscard]] std::string defaultAssetsDir();
+
 struct CommandLine {
   std::string host = "127.0.0.1";
   int port = 0;  // 0: the system picks a free port
@@ -17,6 +20,7 @@ struct CommandLine {
   std::vector<std::string> apiKeys;
   std::map<std::string, std::string> configFiles;  // api key -> remote configuration JSON file
   std::size_t maxBodyBytes = 20 * 1024 * 1024;
+  std::string assetsDir = defaultAssetsDir();  // node_modules, holding rrweb-player
   bool watchStdin = false;
 };
 

@@ -34,7 +34,8 @@ int main(int argc, char** argv) {
 
   collector::ServerSettings settings{.apiKeys = {options.apiKeys.begin(), options.apiKeys.end()},
                                      .configs = {},
-                                     .maxBodyBytes = options.maxBodyBytes};
+                                     .maxBodyBytes = options.maxBodyBytes,
+                                     .assetsDir = options.assetsDir};
   for (const auto& [apiKey, file] : options.configFiles) {
     auto contents = readWholeFile(file);
     if (!contents) return fail("cannot read " + file + ": " + contents.error().message());

@@ -258,6 +258,57 @@ TEST_F(CollectorTest, AnswersTheConfigurationOfEachKey) {
   expectAnswer(get("/config"), 401, "missing api_key\n");
 }
 
+TEST_F(CollectorTest, ServesASessionPageThatLoadsThePlayerAndTheEvents) {
+  // The device id holds a slash and the characters HTML gives meaning to.
+  const Packed meta =
+      pack(rrweb::MetaEvent{.timestamp = 1000, .href = "https://example.com/", .width = 390, .height = 844});
+  const Packed last = pack(customEvent(73'500, "last"));
+  expectAnswer(post("device_id=a%2F%3Cb%3E%26%22&session_id=5&seq_number=0&mobile_translation=false",
+                    trackBody({meta.literal, last.literal})),
+               200, R"({"events":2,"stored":true})");
+
+  const auto page = get("/sessions/a/%3Cb%3E%26%22/5");
+  ASSERT_TRUE(page);
+  EXPECT_EQ(page->status, 200);
+  EXPECT_THAT(page->get_header_value("Content-Type"), HasSubstr("text/html"));
+  EXPECT_THAT(page->body, HasSubstr(">a/&lt;b&gt;&amp;&quot;</dd>"));
+  EXPECT_THAT(page->body, ::testing::Not(HasSubstr("<b>")));
+  EXPECT_THAT(page->body, HasSubstr(R"(<dd id="duration">1 min 12 s</dd>)"));
+  EXPECT_THAT(page->body, HasSubstr(R"(<dd id="event-count">2</dd>)"));
+  EXPECT_THAT(page->body, HasSubstr(R"(<script src="/player/rrweb-player.js">)"));
+  EXPECT_THAT(page->body, HasSubstr(R"(href="/player/style.css")"));
+  // The address the page fetches its events from answers them.
+  const std::string eventsUrl = "/sessions/a/%3Cb%3E%26%22/5/events?api_key=test-key";
+  EXPECT_THAT(page->body, HasSubstr("data-events-url=\"" + eventsUrl + "\""));
+  expectAnswer(get(eventsUrl), 200, "[" + meta.json + "," + last.json + "]");
+
+  const auto index = get("/");
+  ASSERT_TRUE(index);
+  EXPECT_THAT(index->body, HasSubstr(R"(href="/sessions/a/%3Cb%3E%26%22/5?api_key=test-key")"));
+}
+
+TEST_F(CollectorTest, ServesThePlayerFilesAndAnswersUnknownSessionsWithNotFound) {
+  const auto script = get("/player/rrweb-player.js");
+  ASSERT_TRUE(script);
+  EXPECT_EQ(script->status, 200);
+  EXPECT_THAT(script->get_header_value("Content-Type"), HasSubstr("text/javascript"));
+  EXPECT_THAT(script->body, HasSubstr("rrwebPlayer"));
+  const auto style = get("/player/style.css");
+  ASSERT_TRUE(style);
+  EXPECT_EQ(style->status, 200);
+  EXPECT_THAT(style->get_header_value("Content-Type"), HasSubstr("text/css"));
+
+  expectAnswer(post(trackQuery("device", 7, 0), trackBody({pack(customEvent(1, "a")).literal})), 200,
+               kStored);
+  for (const char* path :
+       {"/sessions/device/8", "/sessions/other/7", "/sessions/device/7?api_key=other-key"}) {
+    const auto missing = get(path);
+    ASSERT_TRUE(missing) << path;
+    EXPECT_EQ(missing->status, 404) << path;
+    EXPECT_THAT(missing->body, HasSubstr("No such session")) << path;
+  }
+}
+
 TEST(CollectorProcessStart, ReportsACollectorThatCannotStart) {
   EXPECT_EQ(CollectorProcess::start({.apiKeys = {}, .configs = {}, .maxBodyBytes = std::nullopt}), nullptr);
 }

@@ -1,0 +1,171 @@
+#include "player_page.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace verdalune::sessionreplay::collector {
+namespace {
+
+// Percent-encodes all but the unreserved characters (and '/', when asked).
+std::string percentEncode(std::string_view text, bool keepSlash) {
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') || (byte >= '0' && byte <= '9') ||
+        c == '-' || c == '.' || c == '_' || c == '~' || (keepSlash && c == '/')) {
+      out += c;
+    } else {
+      char escaped[4];
+      std::snprintf(escaped, sizeof escaped, "%%%02X", byte);
+      out += escaped;
+    }
+  }
+  return out;
+}
+
+std::string durationOf(const SessionSummary& session) {
+  if (!session.firstTimestamp || !session.lastTimestamp) return "no events";
+  return formatDuration(*session.lastTimestamp - *session.firstTimestamp);
+}
+
+std::string apiKeyQuery(const SessionSummary& session) {
+  return "?api_key=" + percentEncode(session.apiKey, false);
+}
+
+std::string pageStart(std::string_view title, std::string_view head = {}) {
+  return R"(<!doctype html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<meta name="viewport" content="width=device-width, initial-scale=1">
+<link rel="icon" href="data:,">
+<title>)" +
+         escapeHtml(title) +
+         R"( · vdl-collector</title>
+<style>
+  body { font-family: system-ui, sans-serif; margin: 16px; color: #222; background: #f5f5f7; }
+  dl { display: grid; grid-template-columns: max-content auto; gap: 2px 12px; margin: 8px 0 12px; }
+  dt { color: #666; }
+  dd { margin: 0; word-break: break-all; }
+  table { border-collapse: collapse; }
+  th, td { text-align: left; padding: 4px 12px 4px 0; border-bottom: 1px solid #ddd; word-break: break-all; }
+  #status { color: #a00; }
+</style>
+)" + std::string(head) +
+         "</head>\n<body>\n";
+}
+
+constexpr std::string_view kPageEnd = "</body>\n</html>\n";
+
+// Sizes the player to the recorded screen's shape within the window, plays nothing until asked, and
+// reports what happened in body[data-state] ("playing" or "failed") for whoever drives the page.
+constexpr std::string_view kPlayerScript = R"(<script>
+(async () => {
+  const status = document.getElementById('status');
+  const target = document.getElementById('player');
+  try {
+    const response = await fetch(target.dataset.eventsUrl);
+    if (!response.ok) throw new Error(`the events answered ${response.status}: ${await response.text()}`);
+    const events = await response.json();
+    if (events.length < 2) throw new Error(`the player needs at least two events, the session has ${events.length}`);
+    if (!window.rrwebPlayer) throw new Error('the player script did not load');
+    const meta = events.find((event) => event.type === 4);
+    const screen = meta ? meta.data : { width: 1024, height: 576 };
+    let height = Math.max(240, Math.min(window.innerHeight - 260, 800));
+    let width = Math.round((height * screen.width) / screen.height);
+    if (width > window.innerWidth - 32) {
+      width = window.innerWidth - 32;
+      height = Math.round((width * screen.height) / screen.width);
+    }
+    window.vdlPlayer = new rrwebPlayer.Player({ target, props: { events, width, height, autoPlay: false } });
+    status.remove();
+    document.body.dataset.state = 'playing';
+  } catch (error) {
+    status.textContent = `Cannot play this session: ${error.message}`;
+    document.body.dataset.state = 'failed';
+  }
+})();
+</script>
+)";
+
+}  // namespace
+
+std::string escapeHtml(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&#39;";
+        break;
+      default:
+        out += c;
+    }
+  }
+  return out;
+}
+
+std::string sessionPagePath(std::string_view deviceId, std::int64_t sessionId) {
+  return "/sessions/" + percentEncode(deviceId, true) + "/" + std::to_string(sessionId);
+}
+
+std::string formatDuration(std::int64_t milliseconds) {
+  if (milliseconds < 1000) return std::to_string(std::max<std::int64_t>(milliseconds, 0)) + " ms";
+  const std::int64_t seconds = milliseconds / 1000;
+  const std::string secondsText = std::to_string(seconds % 60) + " s";
+  if (seconds < 60) return secondsText;
+  const std::string minutesText = std::to_string(seconds / 60 % 60) + " min " + secondsText;
+  if (seconds < 3600) return minutesText;
+  return std::to_string(seconds / 3600) + " h " + minutesText;
+}
+
+std::string sessionPage(const SessionSummary& session) {
+  const std::string sessionId = std::to_string(session.sessionId);
+  const std::string eventsUrl =
+      sessionPagePath(session.deviceId, session.sessionId) + "/events" + apiKeyQuery(session);
+  std::string page = pageStart("Session " + sessionId + " of " + session.deviceId,
+                               "<link rel=\"stylesheet\" href=\"" + std::string(kPlayerStylePath) + "\">\n");
+  page += "<p><a href=\"/\">All sessions</a></p>\n<dl>\n";
+  page += "<dt>Device</dt><dd id=\"device-id\">" + escapeHtml(session.deviceId) + "</dd>\n";
+  page += "<dt>Session</dt><dd id=\"session-id\">" + sessionId + "</dd>\n";
+  page += "<dt>Duration</dt><dd id=\"duration\">" + durationOf(session) + "</dd>\n";
+  page += "<dt>Events</dt><dd id=\"event-count\">" + std::to_string(session.eventCount) + "</dd>\n</dl>\n";
+  page += "<p id=\"status\">Loading the events…</p>\n";
+  page += "<div id=\"player\" data-events-url=\"" + escapeHtml(eventsUrl) + "\"></div>\n";
+  page += "<script src=\"" + std::string(kPlayerScriptPath) + "\"></script>\n";
+  page += kPlayerScript;
+  return page + std::string(kPageEnd);
+}
+
+std::string sessionListPage(std::span<const SessionSummary> sessions) {
+  std::string page = pageStart("Sessions") + "<h1>Sessions</h1>\n";
+  if (sessions.empty()) return page + "<p>No sessions yet.</p>\n" + std::string(kPageEnd);
+  page +=
+      "<table>\n<tr><th>Device</th><th>Session</th><th>Api key</th><th>Events</th><th>Duration</th></tr>\n";
+  for (const auto& session : sessions) {
+    const std::string link = sessionPagePath(session.deviceId, session.sessionId) + apiKeyQuery(session);
+    page += "<tr><td>" + escapeHtml(session.deviceId) + "</td><td><a href=\"" + escapeHtml(link) + "\">" +
+            std::to_string(session.sessionId) + "</a></td><td>" + escapeHtml(session.apiKey) + "</td><td>" +
+            std::to_string(session.eventCount) + "</td><td>" + durationOf(session) + "</td></tr>\n";
+  }
+  return page + "</table>\n" + std::string(kPageEnd);
+}
+
+std::string messagePage(std::string_view title, std::string_view message) {
+  return pageStart(title) + "<p><a href=\"/\">All sessions</a></p>\n<h1>" + escapeHtml(title) + "</h1>\n<p>" +
+         escapeHtml(message) + "</p>\n" + std::string(kPageEnd);
+}
+
+}  // namespace verdalune::sessionreplay::collector
