@@ -4,6 +4,7 @@
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 30
 CMAKE_FLAGS ?=
+DEMO_FLAGS ?=
 
 .PHONY: all deps build test unit-test asan-test tsan-test fuzz-test bench demo format clean
 
@@ -51,8 +52,9 @@ test: unit-test asan-test tsan-test fuzz-test
 bench: build
 	bash scripts/run-benchmarks.sh build/release
 
+# Records the scripted app into a collector on 127.0.0.1 and serves the replay until Ctrl-C.
 demo: build
-	@echo "The demo app arrives with the recorder facade; for now 'make test' builds and tests the library."
+	build/release/examples/demo/vdl-demo $(DEMO_FLAGS)
 
 format:
 	git ls-files '*.h' '*.cc' | xargs clang-format -i

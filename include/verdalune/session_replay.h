@@ -42,9 +42,9 @@ struct RemoteConfigResponse;
 //                                     MaskLevel::medium, true, platform);
 //   replay->start();
 //
-// Any thread may call it; the recording decision and capture run on the platform's main queue. While
-// started it keeps itself alive, so a host may drop its reference; after stop() the host's references
-// decide its life.
+// Any thread may call it (the two foreground receivers aside); the recording decision and capture run on the
+// platform's main queue. While started it keeps itself alive, so a host may drop its reference; after stop()
+// the host's references decide its life.
 class SessionReplay : public std::enable_shared_from_this<SessionReplay> {
  public:
   struct Options {
@@ -99,6 +99,7 @@ class SessionReplay : public std::enable_shared_from_this<SessionReplay> {
   std::map<std::string, std::any> additionalEventProperties() const;
 
   // The application's foreground transitions; the platform's announcements arrive here by themselves.
+  // Main queue only, like the announcements: they decide at once.
   void applicationDidBecomeActive();
   void applicationWillResignActive();
 

@@ -192,8 +192,12 @@ std::shared_ptr<SessionReplay> SessionReplay::make(std::string apiKey, std::opti
 }
 
 SessionReplay::~SessionReplay() {
-  // Capture lives on the main queue: it is stopped there, by a task that keeps only the snapshotter.
-  state_->mainQueue->async([snapshotter = state_->snapshotter] { snapshotter->stop(); });
+  // Capture and the foreground observation live on the main queue: they end there, in a task that keeps
+  // only them.
+  state_->mainQueue->async([snapshotter = state_->snapshotter,
+                            activity = std::shared_ptr<platform::Subscription>(std::move(state_->activity))] {
+    snapshotter->stop();
+  });
 }
 
 void SessionReplay::start() {

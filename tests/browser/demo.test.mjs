@@ -1,0 +1,162 @@
+// The demo app end to end: vdl-demo records its scripted app through the library, uploads to the collector
+// it starts, and writes what the collector received (--out). Every block must have arrived once, the
+// recording must replay cleanly and show the feed as it was, and nothing typed into the password or
+// one-time-code field may be in it, neither as text nor as a pixel of the fields' unique text colour.
+//
+// Needs the demo the build makes; CTest passes it (browser_demo_test):
+//   VDL_DEMO_BIN   vdl-demo (without it this file is skipped)
+//   VDL_DEMO_OUT   where the received data and demo-feed.png go (default a temporary folder)
+import assert from 'node:assert/strict';
+import { execFile } from 'node:child_process';
+import { mkdir, mkdtemp, readdir, readFile } from 'node:fs/promises';
+import { tmpdir } from 'node:os';
+import path from 'node:path';
+import { after, before, test } from 'node:test';
+import { promisify } from 'node:util';
+
+import { decodePackedEvent, formatResult, launchBrowser, replayEvents } from './replay.mjs';
+
+const demoBin = process.env.VDL_DEMO_BIN;
+const skip = demoBin ? false : 'VDL_DEMO_BIN is not set (CTest runs this as browser_demo_test)';
+const run = promisify(execFile);
+
+let out;
+let demo;            // demo.json: the session, the secrets and their colour, where the feed's parts are
+let requests;        // every request the collector received, with its body
+let events;          // the events of the accepted upload bodies, decoded, in upload order
+let browser;
+let page;            // a blank page for reading pixels
+
+before(async () => {
+  if (!demoBin) return;
+  out = process.env.VDL_DEMO_OUT || await mkdtemp(path.join(tmpdir(), 'vdl-demo-'));
+  await mkdir(out, { recursive: true });
+  await run(demoBin, ['--seconds', '6', '--no-serve', '--out', out], { timeout: 120_000 });
+  const json = async (name) => JSON.parse(await readFile(path.join(out, name), 'utf8'));
+  demo = await json('demo.json');
+  requests = await json('requests.json');
+  events = [];
+  for (const name of (await readdir(path.join(out, 'uploads'))).sort()) {
+    const body = await json(path.join('uploads', name));
+    body.events.forEach((packed, i) => events.push(decodePackedEvent(packed, `${name} events[${i}]`)));
+  }
+  browser = await launchBrowser();
+  page = await browser.newPage();
+});
+after(async () => {
+  await browser?.close();
+});
+
+// [r, g, b, a] of each point of a PNG or WebP, or counts of pixels near given colours, read in the browser.
+async function pixelsAt(dataUrl, points) {
+  return page.evaluate(async ({ url, points }) => {
+    const image = new Image();
+    image.src = url;
+    await image.decode();
+    const canvas = Object.assign(document.createElement('canvas'), { width: image.width, height: image.height });
+    const context = canvas.getContext('2d');
+    context.drawImage(image, 0, 0);
+    return points.map(([x, y]) => Array.from(context.getImageData(x, y, 1, 1).data));
+  }, { url: dataUrl, points });
+}
+
+// How many opaque pixels of each image lie within `tolerance` of each colour, channel by channel. Lossy
+// WebP moves colours a little, anti-aliased text more at its edges; the cores of glyphs stay close.
+async function countNear(dataUrls, colors, tolerance = 60) {
+  return page.evaluate(async ({ urls, colors, tolerance }) => {
+    const counts = colors.map(() => 0);
+    for (const url of urls) {
+      const image = new Image();
+      image.src = url;
+      await image.decode();
+      const canvas = Object.assign(document.createElement('canvas'), { width: image.width, height: image.height });
+      const context = canvas.getContext('2d');
+      context.drawImage(image, 0, 0);
+      const data = context.getImageData(0, 0, image.width, image.height).data;
+      for (let i = 0; i < data.length; i += 4) {
+        if (data[i + 3] < 128) continue;
+        colors.forEach((c, k) => {
+          if (Math.abs(data[i] - c[0]) <= tolerance && Math.abs(data[i + 1] - c[1]) <= tolerance
+            && Math.abs(data[i + 2] - c[2]) <= tolerance) counts[k] += 1;
+        });
+      }
+    }
+    return counts;
+  }, { urls: dataUrls, colors, tolerance });
+}
+
+const distance = (a, b) => Math.max(...[0, 1, 2].map((i) => Math.abs(a[i] - b[i])));
+
+test('every block reaches the collector exactly once, numbered 1..n in its session', { skip }, async () => {
+  const tracks = requests.filter((r) => r.path === '/sessions/v2/track');
+  assert.ok(tracks.length >= 2, `the sign-in flush and the end make two blocks at least; got ${tracks.length}`);
+  const bySession = new Map();
+  for (const r of tracks) {
+    assert.equal(r.status, 200, `upload ${r.query} answered ${r.status}`);
+    const query = new URLSearchParams(r.query);
+    const session = `${query.get('device_id')}/${query.get('session_id')}`;
+    bySession.set(session, [...bySession.get(session) ?? [], Number(query.get('seq_number'))]);
+  }
+  assert.deepEqual([...bySession.keys()], [`${demo.deviceId}/${demo.sessionId}`]);
+  const numbers = bySession.get(`${demo.deviceId}/${demo.sessionId}`);
+  assert.deepEqual([...numbers].sort((a, b) => a - b), numbers.map((_, i) => i + 1));
+
+  const stored = JSON.parse(await readFile(path.join(out, 'sessions.json'), 'utf8'));
+  assert.equal(stored.length, 1);
+  assert.equal(stored[0].block_count, numbers.length);
+  assert.equal(stored[0].event_count, events.length);
+  const served = JSON.parse(await readFile(path.join(out, 'events.json'), 'utf8'));
+  assert.equal(served.length, events.length);
+});
+
+test('the recording replays cleanly and shows the gradient header under the blurred bar', { skip }, async () => {
+  const screenshot = path.join(out, 'demo-feed.png');
+  const result = await replayEvents(events, { browser, screenshot: { path: screenshot, at: { time: demo.feedShownAt } } });
+  assert.ok(result.ok, formatResult(result));
+
+  const png = `data:image/png;base64,${(await readFile(screenshot)).toString('base64')}`;
+  const bar = demo.navigationBar;
+  const header = demo.header;
+  const below = bar.y + bar.height + 8;  // the header where the bar does not cover it
+  const [gradientLeft, gradientRight, barLeft, barRight, belowBarLeft, belowBarRight] = await pixelsAt(png, [
+    [header.x + 8, below], [header.x + header.width - 8, header.y + header.height - 8],
+    [bar.x + 8, bar.y + 20], [bar.x + bar.width - 8, bar.y + 20],
+    [bar.x + 8, below], [bar.x + bar.width - 8, below],
+  ]);
+  // The header runs from violet to sky blue: blue dominates, and the two corners differ.
+  for (const pixel of [gradientLeft, gradientRight]) {
+    assert.ok(pixel[2] > 200 && pixel[2] - pixel[0] > 60, `not the header's gradient: ${pixel}`);
+  }
+  assert.ok(distance(gradientLeft, gradientRight) > 40, `the header is flat: ${gradientLeft} / ${gradientRight}`);
+  // The bar is neither blank nor see-through: the material lightens what it blurs, and the gradient's
+  // hue still shows through it.
+  for (const [pixel, beneath] of [[barLeft, belowBarLeft], [barRight, belowBarRight]]) {
+    assert.ok(distance(pixel, [255, 255, 255]) > 15, `the bar shows nothing: ${pixel}`);
+    assert.ok(distance(pixel, beneath) > 30, `the bar does not change what is behind it: ${pixel} / ${beneath}`);
+    assert.ok(pixel[2] - pixel[0] > 10, `the bar hides the gradient's hue: ${pixel}`);
+  }
+});
+
+test('nothing typed into the password or one-time-code field leaves the device, as text or pixels', { skip }, async () => {
+  // Any four characters or more of what was typed, as the field showed it while typing.
+  const fragments = demo.secrets.flatMap((secret) => [...secret].map((_, i) => secret.slice(0, i + 1)))
+    .filter((fragment) => fragment.length >= 4);
+  const images = new Set();
+  const visit = (value, where) => {
+    if (typeof value === 'string') {
+      for (const url of value.match(/data:image\/[a-z+]+;base64,[A-Za-z0-9+/=]+/g) ?? []) images.add(url);
+      // Image data is checked by its pixels; base64 text matches short fragments by chance.
+      const text = value.replace(/data:image\/[a-z+]+;base64,[A-Za-z0-9+/=]+/g, '');
+      const leaked = fragments.find((fragment) => text.includes(fragment));
+      assert.equal(leaked, undefined, `"${leaked}" of a secret is in ${where}`);
+    } else if (value && typeof value === 'object') {
+      for (const [key, inner] of Object.entries(value)) visit(inner, `${where}.${key}`);
+    }
+  };
+  events.forEach((event, i) => visit(event, `event ${i}`));
+
+  assert.ok(images.size > 0, 'the recording holds no images');
+  const [secretPixels, brandPixels] = await countNear([...images], [demo.secretColor, demo.brandColor]);
+  assert.ok(brandPixels > 0, 'the brand name\'s text colour is in no image: the scan does not see text');
+  assert.equal(secretPixels, 0, `${secretPixels} pixels of the secret fields' text colour were uploaded`);
+});
