@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "capture/snapshotter.h"
+#include "common/collecting_storage.h"
 #include "rrweb/coding.h"
 #include "serialize/serializer.h"
 #include "verdalune/sim/drawing.h"
@@ -22,18 +23,10 @@
 namespace vdl = verdalune::sessionreplay;
 namespace platform = verdalune::sessionreplay::platform;
 namespace sim = verdalune::sessionreplay::sim;
+using verdalune::sessionreplay::CollectingStorage;
 using namespace std::chrono_literals;
 
 namespace {
-
-class CollectingStorage final : public vdl::StorageCoordinatorProtocol {
- public:
-  void write(vdl::rrweb::Event event, std::string, std::int64_t) override {
-    events.push_back(std::move(event));
-  }
-  void flush() override {}
-  std::vector<vdl::rrweb::Event> events;
-};
 
 // Passes every capture on, and right behind the serializer's work (on the same queue) notes a checkpoint:
 // the events so far and the full snapshot of the same capture from a recording of its own.

@@ -25,6 +25,7 @@
 
 #include "capture/masking.h"
 #include "capture/snapshotter.h"
+#include "common/collecting_storage.h"
 #include "rrweb/coding.h"
 #include "serialize/serializer.h"
 #include "verdalune/sim/platform.h"
@@ -35,18 +36,10 @@
 namespace vdl = verdalune::sessionreplay;
 namespace platform = verdalune::sessionreplay::platform;
 namespace sim = verdalune::sessionreplay::sim;
+using verdalune::sessionreplay::CollectingStorage;
 using namespace std::chrono_literals;
 
 namespace {
-
-class CollectingStorage final : public vdl::StorageCoordinatorProtocol {
- public:
-  void write(vdl::rrweb::Event event, std::string, std::int64_t) override {
-    events.push_back(std::move(event));
-  }
-  void flush() override {}
-  std::vector<vdl::rrweb::Event> events;
-};
 
 class PrintingLogger final : public vdl::Logger {
  public:
