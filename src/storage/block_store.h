@@ -38,7 +38,7 @@ template <typename T>
 using StorageResult = std::expected<T, std::error_code>;
 
 // What the storage coordinator needs of a block store: blocks it can list, name, create, append to
-// through an output stream, read whole and remove. A block is a value the store understands (a path,
+// through an output stream, measure, read whole and remove. A block is a value the store understands (a path,
 // an identity); the store says what it is called in log lines through describe().
 template <typename S>
 concept BlockStore = requires(S& store, const typename S::Block& block, const BlockIdentity& identity,
@@ -48,6 +48,7 @@ concept BlockStore = requires(S& store, const typename S::Block& block, const Bl
   { store.create(identity) } -> std::same_as<StorageResult<typename S::Block>>;
   { store.openOutputStream(block) } -> std::same_as<StorageResult<typename S::OutputStream>>;
   { store.read(block) } -> std::same_as<StorageResult<std::string>>;
+  { store.size(block) } -> std::same_as<StorageResult<std::uint64_t>>;
   { store.remove(block) } -> std::same_as<StorageResult<void>>;
   { store.describe(block) } -> std::same_as<std::string>;
   { stream.write(bytes) } -> std::same_as<StorageResult<void>>;

@@ -38,6 +38,13 @@ StorageResult<std::string> InMemoryStorage::read(const Block& block) const {
   return found->second;
 }
 
+StorageResult<std::uint64_t> InMemoryStorage::size(const Block& block) const {
+  std::lock_guard lock(mutex_);
+  const auto found = events_.find(block);
+  if (found == events_.end()) return std::unexpected(make_error_code(StorageError::notFound));
+  return found->second.size();
+}
+
 StorageResult<void> InMemoryStorage::remove(const Block& block) {
   std::lock_guard lock(mutex_);
   if (events_.erase(block) == 0) return std::unexpected(make_error_code(StorageError::notFound));

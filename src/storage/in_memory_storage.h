@@ -36,6 +36,7 @@ class InMemoryStorage : public std::enable_shared_from_this<InMemoryStorage> {
   [[nodiscard]] StorageResult<OutputStream> openOutputStream(const Block& block);
   // StorageError::notFound for a block that has no entry.
   [[nodiscard]] StorageResult<std::string> read(const Block& block) const;
+  [[nodiscard]] StorageResult<std::uint64_t> size(const Block& block) const;
   [[nodiscard]] StorageResult<void> remove(const Block& block);
   [[nodiscard]] std::string describe(const Block& block) const;
 

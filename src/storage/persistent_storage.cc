@@ -110,6 +110,13 @@ StorageResult<std::string> PersistentStorage::read(const Block& block) const {
   return readWholeFile(block);
 }
 
+StorageResult<std::uint64_t> PersistentStorage::size(const Block& block) const {
+  std::error_code error;
+  const std::uintmax_t bytes = std::filesystem::file_size(block, error);
+  if (error) return std::unexpected(error);
+  return static_cast<std::uint64_t>(bytes);
+}
+
 StorageResult<void> PersistentStorage::remove(const Block& block) const {
   if (::unlink(block.c_str()) != 0) return failure();
   return {};

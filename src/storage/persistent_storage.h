@@ -50,6 +50,7 @@ class PersistentStorage {
   [[nodiscard]] StorageResult<Block> create(const BlockIdentity& identity) const;
   [[nodiscard]] StorageResult<OutputStream> openOutputStream(const Block& block) const;
   [[nodiscard]] StorageResult<std::string> read(const Block& block) const;
+  [[nodiscard]] StorageResult<std::uint64_t> size(const Block& block) const;
   [[nodiscard]] StorageResult<void> remove(const Block& block) const;
   [[nodiscard]] std::string describe(const Block& block) const { return block.filename().string(); }
 

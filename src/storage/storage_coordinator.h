@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -46,14 +47,17 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
  public:
   static constexpr std::size_t kMaxBlockBytes = 8'000'000;
   static constexpr std::chrono::milliseconds kBlockLifetime{60'000};
+  // What the blocks waiting for the collector may take on disk. Past it, whole sessions are dropped,
+  // oldest session id first (session ids are start times), so a device that stays offline keeps its most
+  // recent recordings rather than filling its disk.
+  static constexpr std::uint64_t kMaxStoredBytes = 64'000'000;
 
-  [[nodiscard]] static std::shared_ptr<StorageCoordinator> make(std::shared_ptr<Store> storage,
-                                                                std::shared_ptr<BlockUploader> uploadClient,
-                                                                std::shared_ptr<Logger> logger,
-                                                                BlockState blockState,
-                                                                std::shared_ptr<Queue> queue) {
+  [[nodiscard]] static std::shared_ptr<StorageCoordinator> make(
+      std::shared_ptr<Store> storage, std::shared_ptr<BlockUploader> uploadClient,
+      std::shared_ptr<Logger> logger, BlockState blockState, std::shared_ptr<Queue> queue,
+      std::uint64_t maxStoredBytes = kMaxStoredBytes) {
     std::shared_ptr<StorageCoordinator> coordinator(
-        new StorageCoordinator(std::move(storage), std::move(uploadClient), std::move(logger),
+        new StorageCoordinator(std::move(storage), std::move(uploadClient), std::move(logger), maxStoredBytes,
                                std::move(blockState), std::move(queue)));
     std::weak_ptr<StorageCoordinator> weak = coordinator;
     coordinator->uploadClient_->onConnectivityRestored([weak] {
@@ -81,10 +85,12 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   using Block = typename Store::Block;
 
   StorageCoordinator(std::shared_ptr<Store> storage, std::shared_ptr<BlockUploader> uploadClient,
-                     std::shared_ptr<Logger> logger, BlockState blockState, std::shared_ptr<Queue> queue)
+                     std::shared_ptr<Logger> logger, std::uint64_t maxStoredBytes, BlockState blockState,
+                     std::shared_ptr<Queue> queue)
       : storage_(std::move(storage)),
         uploadClient_(std::move(uploadClient)),
         logger_(std::move(logger)),
+        maxStoredBytes_(maxStoredBytes),
         blockState_(std::move(blockState)),
         queue_(std::move(queue)) {}
 
@@ -130,6 +136,7 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   }
 
   StorageResult<void> openBlock(const std::string& deviceId, std::int64_t sessionId) {
+    keepWithinLimit(deviceId, sessionId);
     const BlockIdentity identity{deviceId, sessionId, blockState_.nextSequenceNumber()};
     auto block = storage_->create(identity);
     auto stream = block ? storage_->openOutputStream(*block) : std::unexpected(block.error());
@@ -161,6 +168,60 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     activeBytes_ = 0;
     if (upload) uploadBlock(block);
     return {};
+  }
+
+  // Drops the oldest sessions' closed blocks while what is stored exceeds the limit; the recording going on
+  // now is dropped last. A dropped block may still be waiting in the uploader (it holds blocks while the
+  // network is gone): reading it then fails and the upload ends as a failure, and nothing is sent twice.
+  void keepWithinLimit(const std::string& deviceId, std::int64_t sessionId) {
+    auto blocks = storage_->blocks();
+    if (!blocks) return;
+    struct Stored {
+      BlockIdentity identity;
+      Block block;
+      std::uint64_t bytes;
+    };
+    std::vector<Stored> stored;
+    std::uint64_t total = 0;
+    for (auto& block : *blocks) {
+      auto identity = storage_->identity(block);
+      auto bytes = storage_->size(block);
+      if (!identity || !bytes) continue;
+      total += *bytes;
+      stored.push_back({std::move(*identity), std::move(block), *bytes});
+    }
+    if (total <= maxStoredBytes_) return;
+    const auto current = [&](const BlockIdentity& identity) {
+      return identity.deviceId == deviceId && identity.sessionId == sessionId;
+    };
+    std::ranges::sort(stored, [&](const Stored& a, const Stored& b) {
+      if (current(a.identity) != current(b.identity)) return current(b.identity);
+      return std::tie(a.identity.sessionId, a.identity.deviceId, a.identity.sequenceNumber) <
+             std::tie(b.identity.sessionId, b.identity.deviceId, b.identity.sequenceNumber);
+    });
+    for (std::size_t i = 0; i < stored.size() && total > maxStoredBytes_;) {
+      const BlockIdentity& session = stored[i].identity;
+      std::size_t dropped = 0;
+      std::uint64_t droppedBytes = 0;
+      for (; i < stored.size() && stored[i].identity.deviceId == session.deviceId &&
+             stored[i].identity.sessionId == session.sessionId && total > maxStoredBytes_;
+           ++i) {
+        if (!storage_->remove(stored[i].block)) continue;
+        total -= stored[i].bytes;
+        droppedBytes += stored[i].bytes;
+        ++dropped;
+      }
+      if (dropped > 0) {
+        logger_->error("[StorageCoordinator] Stored blocks exceed " + std::to_string(maxStoredBytes_) +
+                       " bytes: dropped " + std::to_string(droppedBytes) + " bytes in " +
+                       std::to_string(dropped) + (dropped == 1 ? " block" : " blocks") + " of session " +
+                       session.deviceId + "/" + std::to_string(session.sessionId));
+      }
+      while (i < stored.size() && stored[i].identity.deviceId == session.deviceId &&
+             stored[i].identity.sessionId == session.sessionId) {
+        ++i;
+      }
+    }
   }
 
   void offerStoredBlocks() {
@@ -234,6 +295,7 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   const std::shared_ptr<Store> storage_;
   const std::shared_ptr<BlockUploader> uploadClient_;
   const std::shared_ptr<Logger> logger_;
+  const std::uint64_t maxStoredBytes_;
   BlockState blockState_;
   const std::shared_ptr<Queue> queue_;
   EventPacker packer_;
