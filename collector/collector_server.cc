@@ -1,7 +1,6 @@
 #include "collector_server.h"
 
 #include <netdb.h>
-#include <rapidjson/document.h>
 #include <sys/socket.h>
 
 #include <charconv>
@@ -12,7 +11,7 @@
 #include <thread>
 
 #include "player_page.h"
-#include "rrweb/coding.h"
+#include "request_parsing.h"
 #include "support/files.h"
 #include "support/json_writer.h"
 #include "track_body.h"
@@ -63,85 +62,8 @@ std::string_view rawQuery(const Request& request) {
                                        : std::string_view(request.target).substr(question + 1);
 }
 
-using QueryItems = std::vector<std::pair<std::string, std::string>>;
-
-// Query items in order, percent-decoded. '+' stays '+': the clients encode query items the way URL
-// components do, which leaves '+' alone, so reading it as a space would change a device id.
-QueryItems parseQuery(std::string_view query) {
-  QueryItems items;
-  while (!query.empty()) {
-    const auto amp = query.find('&');
-    const std::string_view item = query.substr(0, amp);
-    query = amp == std::string_view::npos ? std::string_view() : query.substr(amp + 1);
-    if (item.empty()) continue;
-    const auto equals = item.find('=');
-    const auto name = item.substr(0, equals);
-    const auto value = equals == std::string_view::npos ? std::string_view() : item.substr(equals + 1);
-    items.emplace_back(httplib::detail::decode_url(std::string(name), false),
-                       httplib::detail::decode_url(std::string(value), false));
-  }
-  return items;
-}
-
-// The one value of `name`; absent when not given, an error when given twice.
-std::expected<std::optional<std::string>, std::string> single(const QueryItems& items,
-                                                              std::string_view name) {
-  std::optional<std::string> found;
-  for (const auto& [key, value] : items) {
-    if (key != name) continue;
-    if (found) return std::unexpected(std::string(name) + " is given twice");
-    found = value;
-  }
-  return found;
-}
-
-std::expected<std::int64_t, std::string> parseInt64(std::string_view text, std::string_view name) {
-  std::int64_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (text.empty() || error != std::errc{} || end != text.data() + text.size())
-    return std::unexpected(std::string(name) + " is not a decimal 64-bit integer");
-  return value;
-}
-
-std::expected<std::string, std::string> required(const QueryItems& items, std::string_view name) {
-  auto value = single(items, name);
-  if (!value) return std::unexpected(value.error());
-  if (!*value) return std::unexpected("missing " + std::string(name));
-  return std::move(**value);
-}
-
-std::expected<BlockKey, std::string> blockKeyOf(const QueryItems& query, std::string apiKey) {
-  auto deviceId = required(query, "device_id");
-  if (!deviceId) return std::unexpected(deviceId.error());
-  if (deviceId->empty()) return std::unexpected("device_id is empty");
-  auto sessionText = required(query, "session_id");
-  if (!sessionText) return std::unexpected(sessionText.error());
-  auto sessionId = parseInt64(*sessionText, "session_id");
-  if (!sessionId) return std::unexpected(sessionId.error());
-  auto sequenceText = required(query, "seq_number");
-  if (!sequenceText) return std::unexpected(sequenceText.error());
-  auto sequenceNumber = parseInt64(*sequenceText, "seq_number");
-  if (!sequenceNumber) return std::unexpected(sequenceNumber.error());
-  auto translation = required(query, "mobile_translation");
-  if (!translation) return std::unexpected(translation.error());
-  if (*translation != "true" && *translation != "false")
-    return std::unexpected("mobile_translation is neither true nor false");
-  return BlockKey{std::move(apiKey), std::move(*deviceId), *sessionId, *sequenceNumber};
-}
-
 std::optional<std::string> bearerKey(const Request& request) {
-  const std::string value = request.get_header_value("Authorization");
-  constexpr std::string_view scheme = "bearer ";
-  if (value.size() <= scheme.size()) return std::nullopt;
-  for (std::size_t i = 0; i < scheme.size(); ++i) {
-    if (std::tolower(static_cast<unsigned char>(value[i])) != scheme[i]) return std::nullopt;
-  }
-  return value.substr(scheme.size());
-}
-
-bool isJsonContentType(std::string_view contentType) {
-  const std::string_view mediaType = contentType.substr(0, contentType.find(';'));
-  return mediaType == "application/json";
+  return bearerKeyOf(request.get_header_value("Authorization"));
 }
 
 struct Endpoint {
@@ -192,26 +114,6 @@ bool isLoopback(std::string_view address) {
 // Headers the HTTP library adds to every request it parses; no client sent them.
 bool addedByServer(std::string_view name) {
   return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT";
-}
-
-std::expected<Fault, std::string> faultOf(const rapidjson::Value& value) {
-  if (!value.IsObject()) return std::unexpected("each fault is an object");
-  Fault fault;
-  for (const auto& member : value.GetObject()) {
-    const std::string_view name(member.name.GetString(), member.name.GetStringLength());
-    if (name == "status" && member.value.IsInt() && member.value.GetInt() >= 100 &&
-        member.value.GetInt() <= 599) {
-      fault.status = member.value.GetInt();
-    } else if (name == "delay_ms" && member.value.IsInt() && member.value.GetInt() >= 0) {
-      fault.delayMs = member.value.GetInt();
-    } else if (name == "drop" && member.value.IsBool()) {
-      fault.drop = member.value.GetBool();
-    } else {
-      return std::unexpected("bad fault member \"" + std::string(name) +
-                             "\" (status 100-599, delay_ms >= 0, drop true/false)");
-    }
-  }
-  return fault;
 }
 
 // One member of an object, key then value.
@@ -287,11 +189,11 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
   http_.Get("/sessions", [this](const Request&, Response& response) { handleSessions(response); });
   // The device id is everything between "/sessions/" and the session id, slashes included: the path
   // arrives percent-decoded, so an encoded slash in a device id is a plain one here.
-  http_.Get(R"(/sessions/(.+)/(-?[0-9]+)/events)",
+  http_.Get(kSessionEventsRoute,
             [this](const Request& request, Response& response) { handleSessionEvents(request, response); });
   // The page of a session. Its path ends in the session id, so it never takes an events path, which the
   // route above is tried for first anyway.
-  http_.Get(R"(/sessions/(.+)/(-?[0-9]+))",
+  http_.Get(kSessionPageRoute,
             [this](const Request& request, Response& response) { handleSessionPage(request, response); });
   http_.Get("/", [this](const Request&, Response& response) { handleSessionList(response); });
   http_.Get(std::string(kPlayerScriptPath), [this](const Request&, Response& response) {
@@ -456,24 +358,21 @@ void CollectorServer::handleSessions(Response& response) {
 }
 
 void CollectorServer::handleSessionEvents(const Request& request, Response& response) {
-  const std::string deviceId = request.matches[1];
-  const auto sessionId = parseInt64(request.matches[2].str(), "the session id");
-  if (!sessionId) return answerText(response, 400, sessionId.error());
-  const auto query = parseQuery(rawQuery(request));
-  const auto wantedKey = single(query, "api_key");
-  if (!wantedKey) return answerText(response, 400, wantedKey.error());
-  const auto form = single(query, "as");
-  if (!form) return answerText(response, 400, form.error());
-  const bool asText = *form == "text";
+  const auto route = sessionRouteOf(request.matches[1].str(), request.matches[2].str());
+  if (!route) return answerText(response, 400, route.error());
+  const auto& [deviceId, sessionId] = *route;
+  const auto query = sessionEventsQueryOf(parseQuery(rawQuery(request)));
+  if (!query) return answerText(response, 400, query.error());
+  const auto& [wantedKey, asText] = *query;
 
-  const auto keys = database_.apiKeysOfSession(deviceId, *sessionId);
+  const auto keys = database_.apiKeysOfSession(deviceId, sessionId);
   if (!keys) return answerText(response, 500, "cannot read the session: " + keys.error());
-  if (*wantedKey ? std::find(keys->begin(), keys->end(), **wantedKey) == keys->end() : keys->empty())
+  if (wantedKey ? std::find(keys->begin(), keys->end(), *wantedKey) == keys->end() : keys->empty())
     return answerText(response, 404, "no such session");
-  if (!*wantedKey && keys->size() > 1)
+  if (!wantedKey && keys->size() > 1)
     return answerText(response, 400, "the session is stored under several api keys; name one with api_key");
 
-  const auto events = database_.events(wantedKey->value_or(keys->front()), deviceId, *sessionId);
+  const auto events = database_.events(wantedKey.value_or(keys->front()), deviceId, sessionId);
   if (!events) return answerText(response, 500, "cannot read the session: " + events.error());
   answerJson(response, 200, json([&](JsonWriter& writer) {
                writer.beginArray();
@@ -485,9 +384,9 @@ void CollectorServer::handleSessionEvents(const Request& request, Response& resp
 }
 
 void CollectorServer::handleSessionPage(const Request& request, Response& response) {
-  const std::string deviceId = request.matches[1];
-  const auto sessionId = parseInt64(request.matches[2].str(), "the session id");
-  if (!sessionId) return answerHtml(response, 400, messagePage("Bad session id", sessionId.error()));
+  const auto route = sessionRouteOf(request.matches[1].str(), request.matches[2].str());
+  if (!route) return answerHtml(response, 400, messagePage("Bad session id", route.error()));
+  const auto& [deviceId, sessionId] = *route;
   const auto wantedKey = single(parseQuery(rawQuery(request)), "api_key");
   if (!wantedKey) return answerHtml(response, 400, messagePage("Bad query", wantedKey.error()));
 
@@ -495,14 +394,14 @@ void CollectorServer::handleSessionPage(const Request& request, Response& respon
   if (!sessions) return answerHtml(response, 500, messagePage("Cannot read the sessions", sessions.error()));
   std::vector<SessionSummary> matching;
   for (const auto& session : *sessions) {
-    if (session.deviceId == deviceId && session.sessionId == *sessionId &&
+    if (session.deviceId == deviceId && session.sessionId == sessionId &&
         (!*wantedKey || session.apiKey == **wantedKey)) {
       matching.push_back(session);
     }
   }
   if (matching.empty()) {
     return answerHtml(response, 404,
-                      messagePage("No such session", "No session " + std::to_string(*sessionId) +
+                      messagePage("No such session", "No session " + std::to_string(sessionId) +
                                                          " of device " + deviceId + " is stored here."));
   }
   // Two projects recorded the same ids: the list links each one under its api key.
@@ -533,16 +432,11 @@ void CollectorServer::handlePlayerAsset(Response& response, const std::filesyste
 }
 
 void CollectorServer::handleFaults(const Request& request, Response& response) {
-  rapidjson::Document document;
-  if (auto parsed = rrweb::parseJson(request.body, document); !parsed)
-    return answerText(response, 400, parsed.error().description);
-  if (!document.IsArray()) return answerText(response, 400, "faults are a JSON array");
+  const auto requested = parseFaults(request.body);
+  if (!requested) return answerText(response, 400, requested.error());
   std::vector<Fault> faults;
-  for (const auto& element : document.GetArray()) {
-    auto fault = faultOf(element);
-    if (!fault) return answerText(response, 400, fault.error());
-    faults.push_back(*fault);
-  }
+  for (const auto& fault : *requested)
+    faults.push_back(Fault{.status = fault.status, .delayMs = fault.delayMs, .drop = fault.drop});
   std::size_t pending = 0;
   {
     std::lock_guard lock(mutex_);

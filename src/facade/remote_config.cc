@@ -3,7 +3,6 @@
 #include <rapidjson/document.h>
 
 #include <cstdint>
-#include <limits>
 #include <utility>
 #include <vector>
 
@@ -69,9 +68,13 @@ Decoded<SessionReplaySamplingConfiguration> decodeSampling(const Value& json, co
   const Value* sampleRate = memberOf(json, kSampleRate);
   if (!sampleRate) return missing(kSampleRate, path);
   if (!sampleRate->IsNumber()) return mismatch("a number", pathTo(path, kSampleRate));
-  // Narrowing a double beyond the float range is undefined, and would not be the rate the server meant.
+  // A number that rounds to a finite float is that float. Beyond that, narrowing is undefined and would
+  // not be the rate the server meant. The bound is not the largest float itself: a float's shortest text
+  // (what encode() writes, "3.4028235e+38" for the largest) reads back as a double a little above it, and
+  // only from halfway to the next power of two does a double round to infinity.
+  constexpr double kBeyondFloat = 0x1.ffffffp+127;
   const double rate = sampleRate->GetDouble();
-  if (rate > std::numeric_limits<float>::max() || rate < std::numeric_limits<float>::lowest()) {
+  if (!(rate < kBeyondFloat && rate > -kBeyondFloat)) {
     return decodingError("number out of the range of a float at " + pathTo(path, kSampleRate));
   }
   return SessionReplaySamplingConfiguration{captureEnabled->GetBool(), static_cast<float>(rate)};
