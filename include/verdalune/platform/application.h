@@ -64,7 +64,9 @@ class Application {
 
   virtual OsVersion osVersion() const = 0;
 
-  // The application's standard store of small persisted values. Never null; thread-safe.
+  // The application's standard store of small persisted values. Never null; thread-safe. It must keep its
+  // values across launches: block numbering lives there, and an app restarted within a session would
+  // otherwise number blocks again from 1, and the collector keeps only the first block of each number.
   virtual std::shared_ptr<DefaultsStore> defaultsStore() = 0;
 
   // The folder for the application's own support files; the library keeps its blocks under it. It may
