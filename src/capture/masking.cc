@@ -104,10 +104,6 @@ void markAsBlockMarker(platform::Layer& markerLayer, BlockMarkerType type, bool 
   metadata->blockStatus = isBlocked ? BlockStatus::blocked : BlockStatus::unblocked;
 }
 
-BlockStatus BlockRangeTracker::enter(platform::Layer& sibling) {
-  return enter(sibling.sublayers());
-}
-
 BlockStatus BlockRangeTracker::enter(const std::vector<std::shared_ptr<platform::Layer>>& sublayers) {
   if (!sublayers.empty()) {
     const auto marker = metadataOf(*sublayers.front());

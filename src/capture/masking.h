@@ -38,9 +38,8 @@ void markAsBlockMarker(platform::Layer& markerLayer, BlockMarkerType type, bool 
 // closes at the one whose first sublayer is an `end` marker. An unclosed range runs to the last sibling.
 class BlockRangeTracker {
  public:
-  // The range status `sibling` inherits; call once per sibling, in order.
-  BlockStatus enter(platform::Layer& sibling);
-  // The same, given the sibling's sublayers already read.
+  // The range status a sibling inherits, given its sublayers (the walk reads them once, for this and for
+  // walking them); call once per sibling, in order.
   BlockStatus enter(const std::vector<std::shared_ptr<platform::Layer>>& siblingSublayers);
 
  private:

@@ -171,7 +171,7 @@ void hostMarker(SimLayer& host, BlockMarkerType type, bool isBlocked) {
 std::vector<BlockStatus> walk(const std::vector<std::shared_ptr<SimLayer>>& layers) {
   BlockRangeTracker tracker;
   std::vector<BlockStatus> statuses;
-  for (const auto& layer : layers) statuses.push_back(tracker.enter(*layer));
+  for (const auto& layer : layers) statuses.push_back(tracker.enter(layer->sublayers()));
   return statuses;
 }
 
