@@ -215,4 +215,23 @@ std::shared_ptr<platform::Texture> SimLayer::nextDrawableTexture() {
   return drawableTexture_;
 }
 
+std::shared_ptr<SimLayer> makeDiagonalGradientLayer(const platform::Rect& frame,
+                                                    std::vector<platform::Color> colors) {
+  auto layer = std::make_shared<SimLayer>("CAGradientLayer", platform::LayerKind::gradient);
+  layer->setFrame(frame);
+  std::vector<double> locations;
+  for (std::size_t i = 0; i < colors.size(); ++i) {
+    locations.push_back(colors.size() > 1 ? static_cast<double>(i) / static_cast<double>(colors.size() - 1)
+                                          : 0);
+  }
+  layer->update([&](platform::LayerProperties& p) {
+    p.gradient = platform::Gradient{.colors = std::move(colors),
+                                    .locations = std::move(locations),
+                                    .startPoint = {0, 0},
+                                    .endPoint = {1, 1},
+                                    .type = "axial"};
+  });
+  return layer;
+}
+
 }  // namespace verdalune::sessionreplay::sim

@@ -533,16 +533,7 @@ void buildFeed(App& app) {
   app.list = placed(sim::SimViewNode::make<sim::SimView>(), {{0, 0}, {390, kTabBarTop}});
   app.list->simLayer()->update([](platform::LayerProperties& p) { p.masksToBounds = true; });
   app.feed->addSubview(app.list);
-  auto header = std::make_shared<sim::SimLayer>("CAGradientLayer", platform::LayerKind::gradient);
-  header->setFrame(kHeader);
-  header->update([](platform::LayerProperties& p) {
-    p.gradient =
-        platform::Gradient{.colors = std::vector<platform::Color>{{0.35, 0.2, 0.9, 1}, {0.1, 0.6, 1, 1}},
-                           .locations = std::vector<double>{0, 1},
-                           .startPoint = {0, 0},
-                           .endPoint = {1, 1},
-                           .type = "axial"};
-  });
+  auto header = sim::makeDiagonalGradientLayer(kHeader, {{0.35, 0.2, 0.9, 1}, {0.1, 0.6, 1, 1}});
   app.list->simLayer()->addSublayer(header);
   app.list->addSubview(
       label("Good morning, Alex", {{20, 140}, {350, 36}}, {.color = {1, 1, 1, 1}, .fontSize = 28}));

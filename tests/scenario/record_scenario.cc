@@ -135,16 +135,7 @@ int main(int argc, char** argv) {
   auto feed = sim::SimViewNode::make<sim::SimView>();
   feed->setFrame({0, 0, 390, 844});
   feed->simLayer()->setBackgroundColor(platform::Color{1, 1, 1, 1});
-  auto header = std::make_shared<sim::SimLayer>("CAGradientLayer", platform::LayerKind::gradient);
-  header->setFrame({0, 0, 390, 160});
-  header->update([](platform::LayerProperties& p) {
-    p.gradient =
-        platform::Gradient{.colors = std::vector<platform::Color>{{0.35, 0.2, 0.9, 1}, {0.1, 0.6, 1, 1}},
-                           .locations = std::vector<double>{0, 1},
-                           .startPoint = {0, 0},
-                           .endPoint = {1, 1},
-                           .type = "axial"};
-  });
+  auto header = sim::makeDiagonalGradientLayer({0, 0, 390, 160}, {{0.35, 0.2, 0.9, 1}, {0.1, 0.6, 1, 1}});
   feed->simLayer()->addSublayer(header);
   auto list = sim::SimViewNode::make<sim::SimView>();
   list->setFrame({0, 160, 390, 684});

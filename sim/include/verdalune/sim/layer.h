@@ -130,4 +130,9 @@ class SimLayer final : public platform::Layer, public std::enable_shared_from_th
   bool isPresentation_ = false;
 };
 
+// A gradient layer of `frame` whose colours run evenly along its diagonal, top left to bottom right, as a
+// header or a banner draws one.
+std::shared_ptr<SimLayer> makeDiagonalGradientLayer(const platform::Rect& frame,
+                                                    std::vector<platform::Color> colors);
+
 }  // namespace verdalune::sessionreplay::sim
