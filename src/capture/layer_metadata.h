@@ -7,6 +7,7 @@
 
 #include "capture/layer_contents.h"
 #include "capture/visual_effect.h"
+#include "verdalune/blocking.h"
 #include "verdalune/platform/layer.h"
 
 namespace verdalune::sessionreplay {
@@ -22,9 +23,6 @@ constexpr std::strong_ordering operator<=>(BlockStatus lhs, BlockStatus rhs) {
 constexpr BlockStatus combine(BlockStatus lhs, BlockStatus rhs) {
   return lhs < rhs ? rhs : lhs;
 }
-
-// Whether a layer opens or closes a declarative block range.
-enum class BlockMarkerType : std::uint8_t { none = 0, begin = 1, end = 2 };
 
 // The next node id of this process. Layers, serialized nodes and web view nodes all draw from this one
 // counter, so an id names one thing for the whole life of the process. The first id is 100.

@@ -104,6 +104,13 @@ void markAsBlockMarker(platform::Layer& markerLayer, BlockMarkerType type, bool 
   metadata->blockStatus = isBlocked ? BlockStatus::blocked : BlockStatus::unblocked;
 }
 
+std::shared_ptr<platform::View> makeBlockMarkerView(platform::UserInterface& userInterface,
+                                                    BlockMarkerType type, bool isBlocked) {
+  auto marker = userInterface.makePlainView("VerdaluneBlockMarkerView");
+  markAsBlockMarker(*marker->layer(), type, isBlocked);
+  return marker;
+}
+
 BlockStatus BlockRangeTracker::enter(const std::vector<std::shared_ptr<platform::Layer>>& sublayers) {
   if (!sublayers.empty()) {
     const auto marker = metadataOf(*sublayers.front());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "capture/layer_metadata.h"
+#include "verdalune/blocking.h"
 #include "verdalune/mask_level.h"
 #include "verdalune/platform/application.h"
 #include "verdalune/platform/layer.h"
@@ -23,15 +24,6 @@ bool isSensitiveTextInput(const platform::View& view, const platform::OsVersion&
 // below.
 BlockStatus effectiveBlockStatus(platform::Layer& layer, BlockStatus inherited, MaskLevel level,
                                  const platform::OsVersion& osVersion);
-
-// The application's explicit setting on a view. Reading walks up from the view's layer: the first layer
-// with a status decides; none anywhere reads as false. Writing cannot return a layer to `none`.
-bool vdl_isBlocked(const platform::View& view);
-void setVdl_isBlocked(const platform::View& view, bool isBlocked);
-
-// Makes `markerLayer` (the layer of a freshly made block-marker view) open or close a declarative block
-// range whose status is `blocked` or `unblocked` as `isBlocked` says.
-void markAsBlockMarker(platform::Layer& markerLayer, BlockMarkerType type, bool isBlocked);
 
 // Follows declarative block ranges across the sublayers of one parent, in sublayer order. A marker view
 // is hosted by a sibling, so a range opens at the sibling whose first sublayer is a `begin` marker and
