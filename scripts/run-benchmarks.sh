@@ -1,15 +1,25 @@
 #!/usr/bin/env bash
-# Runs every benchmark program of a build; each prints its targets beside the ratios it measured.
+# Runs every benchmark program of a build; each prints its targets beside the ratios it measured, and
+# the targets of all of them are listed together at the end. Fails when a target is not met.
 set -uo pipefail
 build=${1:?usage: run-benchmarks.sh BUILD_DIR [benchmark flags]}
 shift
 status=0
+output=$(mktemp)
+summary=$(mktemp)
+trap 'rm -f "$output" "$summary"' EXIT
 for program in "$build"/bench/bench_*; do
   [ -x "$program" ] || continue
-  echo "== $(basename "$program")"
+  name=$(basename "$program")
+  echo "== $name"
   # Repetitions in random order, compared by their medians, so that a busy moment of the machine
   # does not land on one side of a ratio only.
   "$program" --benchmark_min_time=0.2 --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true \
-    --benchmark_report_aggregates_only=true "$@" || status=1
+    --benchmark_report_aggregates_only=true "$@" | tee "$output"
+  [ "${PIPESTATUS[0]}" -eq 0 ] || status=1
+  sed -n "s/^target:/$name:/p" "$output" >>"$summary"
 done
+echo
+echo "== Targets"
+if [ -s "$summary" ]; then cat "$summary"; else echo "(no benchmark printed a target)"; fi
 exit $status
