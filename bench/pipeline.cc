@@ -8,23 +8,12 @@
 #include <thread>
 
 #include "integration/collector_process.h"
-#include "storage/persistent_storage.h"
-#include "storage/storage_coordinator.h"
-#include "upload/curl_transport.h"
-#include "upload/path_monitor.h"
+#include "integration/recorder.h"
 
 namespace vdl = verdalune::sessionreplay;
 namespace rrweb = verdalune::sessionreplay::rrweb;
 
 namespace {
-
-class QuietLogger final : public vdl::Logger {
- public:
-  void error(std::string_view) override {}
-  void warn(std::string_view) override {}
-  void log(std::string_view) override {}
-  void debug(std::string_view) override {}
-};
 
 // A typical incremental event: a few moved and restyled elements.
 rrweb::Event mutationEvent(int i) {
@@ -58,24 +47,17 @@ void pipeline(benchmark::State& state) {
   if (!collector) return state.SkipWithError("the collector did not start");
   const auto folder =
       std::filesystem::temp_directory_path() / ("vdl-bench-pipeline-" + std::to_string(::getpid()));
-  auto logger = std::make_shared<QuietLogger>();
   auto defaults = std::make_shared<vdl::InMemoryDefaultsStore>();
   std::int64_t session = 1;
   for (auto _ : state) {
     std::filesystem::remove_all(folder);
     collector->reset();
-    auto storageQueue = std::make_shared<vdl::SerialQueue>("com.verdalune.sessionreplay.storage");
-    auto client = vdl::UploadClient::make(
-        {.apiKey = "test-key", .serverUrl = collector->trackUrl(), .logger = logger},
-        vdl::CurlTransport::create().value(), std::make_shared<vdl::ManualPathMonitor>(),
-        std::make_shared<vdl::SerialQueue>("com.verdalune.sessionreplay.upload"));
-    auto storage = std::make_shared<vdl::PersistentStorage>("test-key", folder);
-    auto coordinator = vdl::StorageCoordinator<vdl::PersistentStorage>::make(
-        storage, client, logger, vdl::BlockState("test-key", defaults), storageQueue);
+    vdl::testing::Recorder recorder({.apiKey = "test-key", .serverUrl = collector->trackUrl()}, folder,
+                                    defaults);
     ++session;
-    for (int i = 0; i < kEventsPerRun; ++i) coordinator->write(mutationEvent(i), "device", session);
-    coordinator->flush();
-    while (!storage->blocks().value().empty() || collector->requests().empty()) {
+    for (int i = 0; i < kEventsPerRun; ++i) recorder.coordinator->write(mutationEvent(i), "device", session);
+    recorder.coordinator->flush();
+    while (!recorder.storage->blocks().value().empty() || collector->requests().empty()) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
   }

@@ -421,9 +421,5 @@
       }
       return { problems, compatMode: replayer.iframe.contentDocument.compatMode };
     },
-
-    problems() {
-      return problems;
-    },
   };
 })();

@@ -8,7 +8,7 @@ import { fileURLToPath } from 'node:url';
 import { promisify } from 'node:util';
 import zlib from 'node:zlib';
 
-import { decodePackedEvent, launchBrowser, loadRecording, packEvent, replayEvents } from './replay.mjs';
+import { launchBrowser, loadRecording, packEvent, replayEvents } from './replay.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const fixture = (name) => path.join(here, 'fixtures', name);
@@ -28,26 +28,6 @@ describe('reading recordings', () => {
     await writeFile(path.join(dir, 'device-a_42_9.replay'), lines(events.slice(0, 4)));
     await writeFile(path.join(dir, 'device-a_42_10.replay'), lines(events.slice(4)));
     assert.deepEqual(await loadRecording(dir), events);
-  });
-
-  test('upload bodies hold packed events as string literals, or as the bare Latin-1 text', async () => {
-    const events = await readJson('good.json');
-    const literals = events.map(packEvent);
-    const bodyOfLiterals = path.join(scratch, 'body-literals.json');
-    await writeFile(bodyOfLiterals, JSON.stringify({ events: literals }));
-    const bodyOfText = path.join(scratch, 'body-text.json');
-    await writeFile(bodyOfText, JSON.stringify({ events: literals.map((l) => JSON.parse(l)) }));
-    assert.deepEqual(await loadRecording([bodyOfLiterals, bodyOfText]), [...events, ...events]);
-  });
-
-  test('a packed line is one quoted literal of a sorted-key zlib stream that decodes back', () => {
-    const event = { type: 3, timestamp: 5, data: { source: 0, texts: [{ id: 1, value: 'a\nb/é' }], attributes: [], removes: [], adds: [] } };
-    const line = packEvent(event);
-    assert.match(line, /^"[^\n]*"$/);
-    const inflated = zlib.inflateSync(Buffer.from(JSON.parse(line), 'latin1')).toString('utf8');
-    assert.ok(inflated.startsWith('{"data":{"adds":[]'), inflated.slice(0, 40));
-    assert.ok(inflated.endsWith('"v":"v1"}'));
-    assert.deepEqual(decodePackedEvent(line), event);
   });
 
   test('damaged packed events are refused with their place in the file', async () => {
@@ -87,13 +67,6 @@ describe('replaying in Chromium', () => {
     assert.equal(header.subarray(1, 4).toString(), 'PNG');
     // The frame takes the size the Meta event gives the screen.
     assert.deepEqual([header.readUInt32BE(16), header.readUInt32BE(20)], [390, 844]);
-  });
-
-  test('the same recording replays from block files', async () => {
-    const file = path.join(scratch, 'device-b_1_0.replay');
-    await writeFile(file, (await readJson('good.json')).map(packEvent).join('\n') + '\n');
-    const result = await replayEvents(await loadRecording(file), { browser });
-    assert.equal(problemsOf(result), '');
   });
 
   test('each broken recording fails at the event that breaks it', async () => {

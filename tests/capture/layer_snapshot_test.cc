@@ -42,43 +42,31 @@ TEST(LayerSnapshotTest, PresentationLayerIsReadWhenPresentAndModelOtherwise) {
   auto layer = std::make_shared<SimLayer>();
   root->addSublayer(layer);
   layer->setFrame({{10, 20}, {100, 50}});
+  layer->setContentsRect({{0, 0}, {0.5, 0.5}});
   RecordingLogger logger;
 
   EXPECT_EQ(presentationOrModel(layer, &logger), layer) << "never committed: no presentation copy";
 
   root->commit();
-  layer->beginAnimation([](platform::LayerProperties& shown) { shown.opacity = 0.25f; });
+  layer->beginAnimation([](platform::LayerProperties& shown) {
+    shown.opacity = 0.25f;
+    shown.contentsRect = {{0.5, 0.5}, {0.5, 0.5}};
+  });
   auto shown = presentationOrModel(layer, &logger);
   ASSERT_NE(shown, layer);
-  EXPECT_FLOAT_EQ(readLayerSnapshot(*shown, {}, kOs17).opacity, 0.25f);
+  const auto snapshot = readLayerSnapshot(*shown, {}, kOs17);
+  EXPECT_FLOAT_EQ(snapshot.opacity, 0.25f);
   EXPECT_FLOAT_EQ(readLayerSnapshot(*layer, {}, kOs17).opacity, 1.0f);
+  // The model's contents rect ignores the running animation.
+  EXPECT_EQ(snapshot.contentsRect, (Rect{{0.5, 0.5}, {0.5, 0.5}}));
+  EXPECT_EQ(snapshot.modelContentsRect, (Rect{{0, 0}, {0.5, 0.5}}));
   EXPECT_TRUE(logger.errors().empty());
-}
 
-TEST(LayerSnapshotTest, ThrowingPresentationReadIsLoggedAndTheModelLayerRead) {
-  auto root = std::make_shared<SimLayer>();
-  auto layer = std::make_shared<SimLayer>();
-  root->addSublayer(layer);
-  root->commit();
+  // A presentation read that throws is logged, and the model layer read instead.
   layer->setPresentationThrows(true);
-  RecordingLogger logger;
   EXPECT_EQ(presentationOrModel(layer, &logger), layer);
   EXPECT_EQ(logger.errors().size(), 1u);
   EXPECT_EQ(presentationOrModel(layer, nullptr), layer) << "no logger is no crash";
-}
-
-TEST(LayerSnapshotTest, ModelContentsRectIgnoresARunningAnimation) {
-  auto root = std::make_shared<SimLayer>();
-  auto layer = std::make_shared<SimLayer>();
-  root->addSublayer(layer);
-  layer->setContentsRect({{0, 0}, {0.5, 0.5}});
-  root->commit();
-  layer->beginAnimation([](platform::LayerProperties& shown) {
-    shown.contentsRect = {{0.5, 0.5}, {0.5, 0.5}};
-  });
-  auto snapshot = readLayerSnapshot(*presentationOrModel(layer, nullptr), {}, kOs17);
-  EXPECT_EQ(snapshot.contentsRect, (Rect{{0.5, 0.5}, {0.5, 0.5}}));
-  EXPECT_EQ(snapshot.modelContentsRect, (Rect{{0, 0}, {0.5, 0.5}}));
 }
 
 TEST(LayerSnapshotTest, EmptyBoundsTakeTheRenderBoxHostBoundsOnly) {

@@ -12,6 +12,7 @@
 #include <tuple>
 #include <vector>
 
+#include "common/recording_logger.h"
 #include "integration/collector_process.h"
 #include "integration/drive.h"
 #include "upload/curl_transport.h"
@@ -95,40 +96,27 @@ TEST(RemoteConfigCoding, IncompleteOrMistypedObjectsAreDecodingErrorsNamingTheVa
   }
 }
 
-// What a logger or a fetch handed over, in order. Locked: a fetcher that is gone completes on the
-// transport's thread.
-template <typename T>
-class Recorded {
+// What a fetch handed over, in order. Locked: a fetcher that is gone completes on the transport's thread.
+class Completions {
  public:
-  void add(T value) {
+  std::vector<RemoteConfigResult> all() const {
     std::lock_guard lock(mutex_);
-    values_.push_back(std::move(value));
-  }
-  std::vector<T> all() const {
-    std::lock_guard lock(mutex_);
-    return values_;
+    return results_;
   }
   std::size_t count() const { return all().size(); }
   RemoteConfig::Completion recorder() {
-    return [this](RemoteConfigResult result) { add(std::move(result)); };
+    return [this](RemoteConfigResult result) {
+      std::lock_guard lock(mutex_);
+      results_.push_back(std::move(result));
+    };
   }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<T> values_;
-};
-using Completions = Recorded<RemoteConfigResult>;
-
-// Error and log lines in order, marked with their level.
-struct RecordingLogger final : Logger {
-  void error(std::string_view message) override { lines.add("error " + std::string(message)); }
-  void warn(std::string_view) override {}
-  void log(std::string_view message) override { lines.add("log " + std::string(message)); }
-  void debug(std::string_view) override {}
-  Recorded<std::string> lines;
+  std::vector<RemoteConfigResult> results_;
 };
 
-constexpr char kFailureLine[] = "error [RemoteConfig] Failed to fetch config with error: ";
+constexpr char kFailureLine[] = "error: [RemoteConfig] Failed to fetch config with error: ";
 
 // One collector for the suite: "test-key" is answered with the example, "empty-key" with the
 // collector's own {"configs":{}}, "bad-key" with an object that does not decode. Each fetcher gets a
@@ -223,7 +211,7 @@ TEST_F(RemoteConfigTest, AnUnparsableUrlFailsEachFetchButOneWithoutSchemeStopsEv
   EXPECT_THAT(noScheme.all(), ElementsAre(failed(HttpError::invalidURL)));
   EXPECT_EQ(queue_->pendingCount(), 0u);
   EXPECT_EQ(requestCount(), 0u);
-  EXPECT_THAT(logger_->lines.all(), ElementsAre());  // reported to the caller, not retried
+  EXPECT_THAT(logger_->lines(), ElementsAre());  // reported to the caller, not retried
 }
 
 TEST_F(RemoteConfigTest, OneRequestForTwoBackToBackFetchesWithTheKeysInTheQueryAndNoAuthorization) {
@@ -276,8 +264,8 @@ TEST_F(RemoteConfigTest, RetriesOnlyTransientFailuresAndCachesOnlyAnswers) {
     EXPECT_EQ(requestCount(), requests);
     std::vector<std::string> lines;
     for (const auto& failure : failures) lines.push_back(kFailureLine + failure);
-    if (result) lines.push_back("log [RemoteConfig] Updating cache");
-    EXPECT_EQ(logger_->lines.all(), lines);
+    if (result) lines.push_back("log: [RemoteConfig] Updating cache");
+    EXPECT_EQ(logger_->lines(), lines);
     EXPECT_EQ(fetcher_->cachedConfiguration(), result.value_or(old));
   }
 }
@@ -290,7 +278,7 @@ TEST_F(RemoteConfigTest, AFetcherGoneWhileItsRequestIsInFlightStillCompletesButK
 
   ASSERT_TRUE(testing::driveUntil(*queue_, [&] { return completions.count() > 0; }));
   EXPECT_THAT(completions.all(), ElementsAre(RemoteConfigResult(kExample)));
-  EXPECT_THAT(logger_->lines.all(), ElementsAre());
+  EXPECT_THAT(logger_->lines(), ElementsAre());
   EXPECT_EQ(defaults_->bytes(RemoteConfig::cacheKey("test-key")), std::nullopt);
 }
 

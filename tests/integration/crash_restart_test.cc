@@ -175,26 +175,10 @@ TEST(CrashRestart, EveryWrittenEventReachesTheCollectorExactlyOnce) {
       std::optional<std::string> url;
       if (random() % 3 != 0) {
         url = collector->trackUrl();
+        const testing::Fault kinds[] = {
+            {.status = 500}, {.drop = true}, {.delayMs = 1200}, {.status = 429}, {}, {}};
         std::vector<testing::Fault> faults;
-        for (int i = 0; i < 12; ++i) {
-          switch (random() % 6) {
-            case 0:
-              faults.push_back({.status = 500});
-              break;
-            case 1:
-              faults.push_back({.drop = true});
-              break;
-            case 2:
-              faults.push_back({.delayMs = 1200});
-              break;
-            case 3:
-              faults.push_back({.status = 429});
-              break;
-            default:
-              faults.push_back({});
-              break;
-          }
-        }
+        for (int i = 0; i < 12; ++i) faults.push_back(kinds[random() % 6]);
         collector->injectFaults(faults);
       }
       const std::int64_t first = run * kEventsPerRun;

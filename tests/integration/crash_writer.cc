@@ -18,17 +18,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <future>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
 
-#include "storage/persistent_storage.h"
-#include "storage/storage_coordinator.h"
-#include "upload/curl_transport.h"
-#include "upload/path_monitor.h"
-#include "verdalune/support/defaults_store.h"
+#include "integration/recorder.h"
 
 namespace vsr = verdalune::sessionreplay;
 
@@ -37,27 +32,10 @@ namespace {
 // Nothing is listening on the discard port of the loopback: every upload fails to connect.
 constexpr const char* kUnreachableUrl = "http://127.0.0.1:9/sessions/v2/track";
 
-class StderrLogger final : public vsr::Logger {
- public:
-  void error(std::string_view message) override {
-    std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
-  }
-  void warn(std::string_view) override {}
-  void log(std::string_view) override {}
-  void debug(std::string_view) override {}
-};
-
 vsr::rrweb::Event numberedEvent(std::int64_t number) {
   return vsr::rrweb::CustomEvent{.timestamp = 1'700'000'000'000 + number,
                                  .tag = "crash-writer",
                                  .payload = vsr::rrweb::JSONValue("event-" + std::to_string(number))};
-}
-
-// Returns once everything queued on `queue` before the call has run.
-void drain(vsr::Queue& queue) {
-  std::promise<void> reached;
-  queue.async([&reached] { reached.set_value(); });
-  reached.get_future().wait();
 }
 
 bool parseInteger(const char* text, std::int64_t& value) {
@@ -87,33 +65,25 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "cannot open the block state: %s\n", opened.error().message().c_str());
     return 2;
   }
-  std::shared_ptr<vsr::DefaultsStore> defaults = std::move(opened->store);
-
-  const auto logger = std::make_shared<StderrLogger>();
-  auto uploadClient = vsr::UploadClient::make(
-      {.apiKey = "test-key",
-       .serverUrl = serverUrl,
-       .logger = logger,
-       .retryTimeInterval = std::chrono::milliseconds(20),
-       .requestTimeout = std::chrono::milliseconds(1000)},
-      vsr::CurlTransport::create().value(), std::make_shared<vsr::ManualPathMonitor>(),
-      std::make_shared<vsr::SerialQueue>("com.verdalune.sessionreplay.upload"));
-  const auto storage = std::make_shared<vsr::PersistentStorage>("test-key", folder);
-  const auto storageQueue = std::make_shared<vsr::SerialQueue>("com.verdalune.sessionreplay.storage");
-  auto coordinator = vsr::StorageCoordinator<vsr::PersistentStorage>::make(
-      storage, uploadClient, logger, vsr::BlockState("test-key", defaults), storageQueue);
+  vsr::testing::Recorder recorder({.apiKey = "test-key",
+                                   .serverUrl = serverUrl,
+                                   .retryTimeInterval = std::chrono::milliseconds(20),
+                                   .requestTimeout = std::chrono::milliseconds(1000)},
+                                  folder, std::move(opened->store));
+  const auto& coordinator = recorder.coordinator;
+  const auto& storage = recorder.storage;
 
   std::mt19937 random(static_cast<std::uint32_t>(first * 7919 + sessionId));
   for (std::int64_t number = first; number < first + count; ++number) {
     coordinator->write(numberedEvent(number), deviceId, sessionId);
-    drain(*storageQueue);  // the record is in its block file now
+    if (!recorder.settle()) return 4;  // the record is in its block file now
     std::printf("written %lld\n", static_cast<long long>(number));
     std::fflush(stdout);
     if (random() % 16 == 0) coordinator->flush();
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500));
   }
   coordinator->flush();
-  drain(*storageQueue);
+  if (!recorder.settle()) return 4;
 
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   const auto folderIsEmpty = [&] {

@@ -10,51 +10,13 @@
 #include "common/recording_logger.h"
 #include "integration/collector_process.h"
 #include "integration/drive.h"
+#include "integration/recorder.h"
 #include "rrweb/coding.h"
-#include "storage/persistent_storage.h"
-#include "storage/storage_coordinator.h"
-#include "upload/curl_transport.h"
-#include "upload/path_monitor.h"
 
 namespace verdalune::sessionreplay {
 namespace {
 
-class SilentLogger final : public Logger {
- public:
-  void error(std::string_view message) override {
-    std::fprintf(stderr, "%.*s\n", int(message.size()), message.data());
-  }
-  void warn(std::string_view) override {}
-  void log(std::string_view) override {}
-  void debug(std::string_view) override {}
-};
-
-// One run of the app: its queues, upload client and coordinator over the shared folder and defaults.
-struct Recorder {
-  Recorder(const std::string& trackUrl, const std::filesystem::path& folder,
-           std::shared_ptr<DefaultsStore> defaults,
-           std::shared_ptr<Logger> logger = std::make_shared<SilentLogger>()) {
-    uploadClient = UploadClient::make({.apiKey = "test-key", .serverUrl = trackUrl, .logger = logger},
-                                      CurlTransport::create().value(), std::make_shared<ManualPathMonitor>(),
-                                      std::make_shared<SerialQueue>("com.verdalune.sessionreplay.upload"));
-    storage = std::make_shared<PersistentStorage>("test-key", folder);
-    coordinator = StorageCoordinator<PersistentStorage>::make(
-        storage, uploadClient, logger, BlockState("test-key", std::move(defaults)), storageQueue);
-  }
-
-  // Waits until every write queued so far has reached its block file.
-  void settle() {
-    std::atomic<bool> done = false;
-    storageQueue->async([&] { done = true; });
-    ASSERT_TRUE(testing::waitUntil([&] { return done.load(); }));
-  }
-
-  std::shared_ptr<SerialQueue> storageQueue =
-      std::make_shared<SerialQueue>("com.verdalune.sessionreplay.storage");
-  std::shared_ptr<UploadClient> uploadClient;
-  std::shared_ptr<PersistentStorage> storage;
-  std::shared_ptr<StorageCoordinator<PersistentStorage>> coordinator;
-};
+using testing::Recorder;
 
 rrweb::Event event(int i) {
   rrweb::MutationData mutation;
@@ -74,18 +36,18 @@ TEST(Pipeline, EveryEventReachesTheCollectorExactlyOnceAcrossARestart) {
   constexpr int kEvents = 3000;
 
   {
-    Recorder first(collector->trackUrl(), folder, defaults);
+    Recorder first({.apiKey = "test-key", .serverUrl = collector->trackUrl()}, folder, defaults);
     for (int i = 0; i < 1800; ++i) {
       first.coordinator->write(event(i), "device-1", 42);
       if (i % 500 == 499) first.coordinator->flush();
     }
-    first.settle();
+    ASSERT_TRUE(first.settle());
   }  // the app goes away with a block open and uploads perhaps still in flight
 
-  Recorder second(collector->trackUrl(), folder, defaults);
+  Recorder second({.apiKey = "test-key", .serverUrl = collector->trackUrl()}, folder, defaults);
   for (int i = 1800; i < kEvents; ++i) second.coordinator->write(event(i), "device-1", 42);
   second.coordinator->flush();
-  second.settle();
+  ASSERT_TRUE(second.settle());
   ASSERT_TRUE(testing::waitUntil([&] { return second.storage->blocks().value().empty(); }))
       << "every block is delivered and removed";
 
@@ -107,13 +69,14 @@ int recordOnAFullDisk(testing::CollectorProcess& collector, const std::filesyste
   const rlimit full{.rlim_cur = 24 * 1024, .rlim_max = limit.rlim_max};
   ::setrlimit(RLIMIT_FSIZE, &full);
   auto logger = std::make_shared<RecordingLogger>();
-  Recorder recorder(collector.trackUrl(), folder, std::make_shared<InMemoryDefaultsStore>(), logger);
+  Recorder recorder({.apiKey = "test-key", .serverUrl = collector.trackUrl(), .logger = logger}, folder,
+                    std::make_shared<InMemoryDefaultsStore>());
   for (int i = 0; i < 600; ++i) recorder.coordinator->write(event(i), "device-1", 7);
-  recorder.settle();
+  if (!recorder.settle()) return 1;
   ::setrlimit(RLIMIT_FSIZE, &limit);
   for (int i = 600; i < 800; ++i) recorder.coordinator->write(event(i), "device-1", 7);
   recorder.coordinator->flush();
-  recorder.settle();
+  if (!recorder.settle()) return 1;
   if (!testing::waitUntil([&] { return recorder.storage->blocks().value().empty(); })) return 2;
   const auto errors = logger->errors();
   if (std::ranges::find(errors, "[StorageCoordinator] Could not write to output stream: File too large") ==

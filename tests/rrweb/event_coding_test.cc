@@ -9,34 +9,27 @@
 namespace verdalune::sessionreplay::rrweb {
 namespace {
 
-TEST(EventCoding, ContentLessEventsHaveOnlyTimestampAndType) {
-  expectCoding(Event(DomContentLoadedEvent{.timestamp = 1700000000123}),
-               R"({"timestamp":1700000000123,"type":0})");
-  expectCoding(Event(LoadedEvent{.timestamp = -5}), R"({"timestamp":-5,"type":1})");
-}
-
-TEST(EventCoding, MetaEventNestsItsFieldsUnderData) {
-  // Integral doubles are written without a fraction; slashes are escaped as the stored form has them.
-  expectCoding(
-      Event(MetaEvent{.timestamp = 10, .href = "https://example.com/a", .width = 390, .height = 844.5}),
-      R"({"data":{"height":844.5,"href":"https:\/\/example.com\/a","width":390},"timestamp":10,"type":4})");
-}
-
-TEST(EventCoding, CustomAndPluginEventsCarryAnyPayload) {
-  expectCoding(
-      Event(CustomEvent{.timestamp = 13,
-                        .tag = "checkout",
-                        .payload = JSONValue::Dictionary{{"z", JSONValue::Array{1, 2.5, true, nullptr, "x"}},
-                                                         {"a", JSONValue::Dictionary{}}}}),
-      R"({"data":{"payload":{"a":{},"z":[1,2.5,true,null,"x"]},"tag":"checkout"},"timestamp":13,"type":5})");
-  expectCoding(Event(PluginEvent{.timestamp = 14, .plugin = "rrweb/console@1", .payload = "hi"}),
-               R"({"data":{"payload":"hi","plugin":"rrweb\/console@1"},"timestamp":14,"type":6})");
-}
-
-TEST(EventCoding, IncrementalSnapshotWritesThePayloadItselfAsData) {
-  expectCoding(Event(IncrementalSnapshotEvent{.timestamp = 12,
-                                              .data = ViewportResizeData{.width = 390, .height = 844}}),
-               R"({"data":{"height":844,"source":4,"width":390},"timestamp":12,"type":3})");
+// Each event encodes to exactly its JSON and decodes back to itself.
+TEST(EventCoding, EachEventWritesItsTypeAndItsFieldsUnderData) {
+  const std::pair<Event, std::string_view> cases[] = {
+      // Content-less events have only timestamp and type.
+      {DomContentLoadedEvent{.timestamp = 1700000000123}, R"({"timestamp":1700000000123,"type":0})"},
+      {LoadedEvent{.timestamp = -5}, R"({"timestamp":-5,"type":1})"},
+      // Integral doubles are written without a fraction; slashes are escaped as the stored form has them.
+      {MetaEvent{.timestamp = 10, .href = "https://example.com/a", .width = 390, .height = 844.5},
+       R"({"data":{"height":844.5,"href":"https:\/\/example.com\/a","width":390},"timestamp":10,"type":4})"},
+      {CustomEvent{.timestamp = 13,
+                   .tag = "checkout",
+                   .payload = JSONValue::Dictionary{{"z", JSONValue::Array{1, 2.5, true, nullptr, "x"}},
+                                                    {"a", JSONValue::Dictionary{}}}},
+       R"({"data":{"payload":{"a":{},"z":[1,2.5,true,null,"x"]},"tag":"checkout"},"timestamp":13,"type":5})"},
+      {PluginEvent{.timestamp = 14, .plugin = "rrweb/console@1", .payload = "hi"},
+       R"({"data":{"payload":"hi","plugin":"rrweb\/console@1"},"timestamp":14,"type":6})"},
+      // An incremental snapshot writes the payload itself as data.
+      {IncrementalSnapshotEvent{.timestamp = 12, .data = ViewportResizeData{.width = 390, .height = 844}},
+       R"({"data":{"height":844,"source":4,"width":390},"timestamp":12,"type":3})"},
+  };
+  for (const auto& [event, json] : cases) expectCoding(event, json);
 }
 
 TEST(EventCoding, FullSnapshotWritesTheTreeAndTheOffsetAsLeftAndTop) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/collecting_storage.h"
 #include "common/recording_logger.h"
 #include "rrweb/coding.h"
 #include "serialize/common_subsequence.h"
@@ -20,19 +21,6 @@ namespace verdalune::sessionreplay {
 namespace {
 
 using rrweb::JSONValue;
-
-class RecordingStorage final : public StorageCoordinatorProtocol {
- public:
-  void write(rrweb::Event event, std::string deviceId, std::int64_t sessionId) override {
-    events.push_back(std::move(event));
-    identifiers.emplace_back(std::move(deviceId), sessionId);
-  }
-  void flush() override { ++flushes; }
-
-  std::vector<rrweb::Event> events;
-  std::vector<std::pair<std::string, std::int64_t>> identifiers;
-  int flushes = 0;
-};
 
 class RecordingDelegate final : public SerializerDelegate {
  public:
@@ -203,7 +191,7 @@ class SerializerTest : public ::testing::Test {
 
   // The document a fresh recording would start with for `snapshot`.
   Dom fullSnapshotOf(const std::shared_ptr<const Snapshot>& snapshot) {
-    auto otherStorage = std::make_shared<RecordingStorage>();
+    auto otherStorage = std::make_shared<CollectingStorage>();
     auto fresh = Serializer::make({.platform = device,
                                    .logger = logger,
                                    .storageCoordinator = otherStorage,
@@ -215,7 +203,7 @@ class SerializerTest : public ::testing::Test {
 
   std::shared_ptr<sim::SimPlatform> device = std::make_shared<sim::SimPlatform>();
   std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
-  std::shared_ptr<RecordingStorage> storage = std::make_shared<RecordingStorage>();
+  std::shared_ptr<CollectingStorage> storage = std::make_shared<CollectingStorage>();
   std::shared_ptr<Serializer> serializer = makeSerializer();
 };
 

@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <limits>
 
 #include "rrweb/coding.h"
-#include "storage/persistent_storage.h"
 #include "storage/versioned_event.h"
 
 namespace verdalune::sessionreplay {
@@ -70,33 +68,6 @@ TEST(Unpacking, RejectsTextThatWasNeverAPackedEvent) {
   EXPECT_EQ(unpackEvent("\"\xe2\x82\xac\"").error(), UnpackError::notLatin1);  // U+20AC
   EXPECT_EQ(unpackEvent("\"x\"").error(), UnpackError::inflateFailed);
   EXPECT_EQ(unpackEvent(valid.substr(0, valid.size() / 2) + "\"").error(), UnpackError::inflateFailed);
-}
-
-TEST(Packing, ABlockOfManyEventsReadsBackInOrder) {
-  const auto root = std::filesystem::temp_directory_path() / ("vdl-packing-" + std::to_string(::getpid()));
-  std::filesystem::remove_all(root);
-  PersistentStorage storage("key", root);
-  const auto block = storage.create({"device", 1, 1}).value();
-  auto stream = storage.openOutputStream(block).value();
-
-  EventPacker packer;
-  std::vector<rrweb::Event> written;
-  for (int i = 0; i < 200; ++i) {
-    written.push_back(i % 2 ? noisyEvent(i) : meta("https://example.com/" + std::to_string(i)));
-    std::string record = std::string(packer.pack(written.back()).value()) + "\n";
-    ASSERT_TRUE(
-        stream.write({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()}).has_value());
-  }
-  ASSERT_TRUE(stream.close().has_value());
-
-  const auto packed = packedEventsFromBlock(storage.read(block).value());
-  ASSERT_EQ(packed.size(), written.size());
-  for (std::size_t i = 0; i < packed.size(); ++i) {
-    const auto decoded = rrweb::decodeEvent(unpackEvent(packed[i]).value());
-    ASSERT_TRUE(decoded.has_value()) << i;
-    EXPECT_EQ(*decoded, written[i]) << i;
-  }
-  std::filesystem::remove_all(root);
 }
 
 }  // namespace

@@ -5,48 +5,26 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <map>
 
 namespace verdalune::sessionreplay {
 namespace {
 
 // The escaping rule written the slow, obvious way, to hold the fast scanner to.
 std::string referenceLiteral(std::string_view value) {
+  static const std::map<char, std::string_view> kNamed = {{'"', "\\\""}, {'\\', "\\\\"}, {'/', "\\/"},
+                                                          {'\b', "\\b"}, {'\f', "\\f"},  {'\n', "\\n"},
+                                                          {'\r', "\\r"}, {'\t', "\\t"}};
   std::string out = "\"";
   for (const char c : value) {
-    const auto byte = static_cast<unsigned char>(c);
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '/':
-        out += "\\/";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (byte < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-          out += escaped;
-        } else {
-          out.push_back(c);
-        }
+    if (const auto named = kNamed.find(c); named != kNamed.end()) {
+      out += named->second;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(c));
+      out += escaped;
+    } else {
+      out.push_back(c);
     }
   }
   return out + "\"";

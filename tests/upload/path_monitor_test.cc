@@ -34,7 +34,7 @@ TEST(ManualPathMonitor, StartDeliversTheCurrentStatusThenOnlyChangesOnTheCallers
                                PathStatus::satisfied}));
 }
 
-TEST(ManualPathMonitor, NothingIsDeliveredAfterCancelOrOnASecondStart) {
+TEST(ManualPathMonitor, NothingIsDeliveredAfterCancelEvenFromAnUpdateOrOnASecondStart) {
   ManualPathMonitor monitor;
   std::vector<PathStatus> first;
   std::vector<PathStatus> second;
@@ -49,17 +49,16 @@ TEST(ManualPathMonitor, NothingIsDeliveredAfterCancelOrOnASecondStart) {
   cancelledFirst.cancel();
   cancelledFirst.start([&](PathStatus status) { second.push_back(status); });
   EXPECT_TRUE(second.empty());
-}
 
-TEST(ManualPathMonitor, AnUpdateMayCancelItsOwnMonitor) {
-  ManualPathMonitor monitor;
+  // An update may cancel its own monitor.
+  ManualPathMonitor selfCancelling;
   std::vector<PathStatus> seen;
-  monitor.start([&](PathStatus status) {
+  selfCancelling.start([&](PathStatus status) {
     seen.push_back(status);
-    if (status == PathStatus::unsatisfied) monitor.cancel();
+    if (status == PathStatus::unsatisfied) selfCancelling.cancel();
   });
-  monitor.set(PathStatus::unsatisfied);
-  monitor.set(PathStatus::satisfied);
+  selfCancelling.set(PathStatus::unsatisfied);
+  selfCancelling.set(PathStatus::satisfied);
   EXPECT_EQ(seen, (std::vector{PathStatus::satisfied, PathStatus::unsatisfied}));
 }
 
