@@ -5,7 +5,6 @@
 #include <rapidjson/document.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -15,9 +14,8 @@
 #include "common/recording_logger.h"
 #include "facade/remote_config.h"
 #include "integration/collector_process.h"
+#include "integration/counted_device.h"
 #include "integration/drive.h"
-#include "upload/curl_transport.h"
-#include "upload/path_monitor.h"
 #include "verdalune/session_replay.h"
 #include "verdalune/sim/platform.h"
 #include "verdalune/sim/screen_builder.h"
@@ -28,50 +26,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::CollectorProcess;
 using testing::Fault;
-
-// The library's own libcurl transport, counting the exchanges under way so that a test knows when the
-// network has answered everything it was asked.
-class CountingTransport final : public platform::HttpTransport {
- public:
-  std::shared_ptr<platform::HttpTask> send(
-      platform::HttpRequest request, std::function<void(platform::HttpCompletion)> completion) override {
-    ++*inFlight_;
-    return curl_->send(std::move(request), [inFlight = inFlight_, completion = std::move(completion)](
-                                               platform::HttpCompletion done) {
-      completion(std::move(done));
-      --*inFlight;
-    });
-  }
-  int inFlight() const { return *inFlight_; }
-
- private:
-  std::shared_ptr<platform::HttpTransport> curl_ = CurlTransport::create().value();
-  std::shared_ptr<std::atomic<int>> inFlight_ = std::make_shared<std::atomic<int>>(0);
-};
-
-// The simulated device with that transport and a network path that is always there: the faults here
-// are the collector's own.
-class Device final : public platform::Platform {
- public:
-  std::shared_ptr<platform::Application> application() override { return sim->application(); }
-  std::shared_ptr<platform::UserInterface> userInterface() override { return sim->userInterface(); }
-  std::shared_ptr<platform::HttpTransport> httpTransport() override { return transport; }
-  std::unique_ptr<platform::PathMonitor> makePathMonitor() override {
-    return std::make_unique<ManualPathMonitor>();
-  }
-  std::shared_ptr<platform::GpuCommandQueue> makeGpuCommandQueue() override {
-    return sim->makeGpuCommandQueue();
-  }
-  std::shared_ptr<platform::Surface> makeSurface(const platform::SurfaceProperties& properties) override {
-    return sim->makeSurface(properties);
-  }
-  std::optional<platform::Bitmap> renderContents(const platform::ContentsRenderRequest& request) override {
-    return sim->renderContents(request);
-  }
-
-  std::shared_ptr<sim::SimPlatform> sim = std::make_shared<sim::SimPlatform>();
-  std::shared_ptr<CountingTransport> transport = std::make_shared<CountingTransport>();
-};
 
 std::int64_t seqOf(const testing::ReceivedRequest& request) {
   const auto at = request.query.find("seq_number=");
@@ -116,11 +70,7 @@ class FaultsTest : public ::testing::Test {
                                 }});
   }
 
-  // Until every exchange under way has been answered and the main queue has handled the answers.
-  [[nodiscard]] bool settle() {
-    return testing::driveUntil(
-        *queue, [&] { return device->transport->inFlight() == 0 && queue->runUntilIdle() == 0; });
-  }
+  [[nodiscard]] bool settle() { return device->settle(); }
 
   // `seconds` of virtual time, frame by frame, with the network settled after each frame.
   [[nodiscard]] bool record(int seconds) {
@@ -151,7 +101,7 @@ class FaultsTest : public ::testing::Test {
     return names;
   }
 
-  std::shared_ptr<Device> device = std::make_shared<Device>();
+  std::shared_ptr<testing::CountedDevice> device = std::make_shared<testing::CountedDevice>();
   std::shared_ptr<ManualQueue> queue = device->sim->app()->manualQueue();
   std::shared_ptr<RecordingLogger> logger = std::make_shared<RecordingLogger>();
   std::shared_ptr<sim::SimView> ticker;
