@@ -60,6 +60,9 @@ class FaultsTest : public ::testing::Test {
                       .build();
     ticker = screen.find<sim::SimView>("ticker");
   }
+  // A recorder that goes away leaves the end of its capture on the main queue; that work holds the
+  // device, which holds the queue, so it must run before the device can go.
+  void TearDown() override { ASSERT_TRUE(settle()); }
 
   std::shared_ptr<SessionReplay> make(const std::string& baseUrl, std::string apiKey = "test-key",
                                       bool enableRemoteConfig = false, std::int64_t sessionId = 7) {
