@@ -106,6 +106,16 @@ class SessionReplay : public std::enable_shared_from_this<SessionReplay> {
   // Whether capture runs now. Main queue.
   bool isCapturing() const;
 
+  // What the recorder holds on to now, for a host's diagnostics: the image rules sent in this recording
+  // (one per distinct image), the layers whose changes it observes (each alive and shown at some
+  // capture), and the surface frames it keeps copies of. Main queue.
+  struct Diagnostics {
+    std::size_t sentImages = 0;
+    std::size_t observedLayers = 0;
+    std::size_t surfaceCopies = 0;
+  };
+  Diagnostics diagnostics() const;
+
   struct PassKey {
    private:
     friend class SessionReplay;

@@ -315,6 +315,12 @@ bool SessionReplay::isCapturing() const {
   return state_->snapshotter->isCapturing();
 }
 
+SessionReplay::Diagnostics SessionReplay::diagnostics() const {
+  return {.sentImages = state_->serializer->sentImageCount(),
+          .observedLayers = state_->snapshotter->layerObserver().observedCount(),
+          .surfaceCopies = state_->snapshotter->ioSurfaceSnapshotter()->liveSnapshotCount()};
+}
+
 void SessionReplay::queueUpdate() {
   state_->mainQueue->async([weakSelf = weak_from_this()] {
     if (auto self = weakSelf.lock()) self->updateRecording();

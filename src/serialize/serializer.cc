@@ -306,6 +306,7 @@ void Serializer::reset() {
   pendingPages_.clear();
   webViewElements_.clear();
   existingImageIdentifiers_.clear();
+  sentImageCount_ = 0;
   previousSnapshot_.reset();
   elementsWithClass_.clear();
 }
@@ -339,6 +340,7 @@ std::vector<std::string> Serializer::newImageRules(const Converter::AdditionalCo
   std::vector<std::string> rules;
   for (const auto& [className, image] : images.images()) {
     if (!existingImageIdentifiers_.insert(className).second) continue;
+    sentImageCount_ = existingImageIdentifiers_.size();
     const std::string data = base64Encode(image->data);
     std::string rule;
     rule.reserve(className.size() + data.size() + 48);

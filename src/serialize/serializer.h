@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -69,6 +70,10 @@ class Serializer final : public CaptureReceiver, public std::enable_shared_from_
   // image rule) and flushes storage.
   void flush();
 
+  // How many image rules this recording has sent: each distinct image once, however often and wherever
+  // it is shown, until the next recording starts afresh. A diagnostic; any thread.
+  std::size_t sentImageCount() const { return sentImageCount_.load(std::memory_order_relaxed); }
+
   // The serialization of one capture, on the calling thread, with no queue: for the benchmark.
   void serializeNow(const std::shared_ptr<const Snapshot>& snapshot, const std::string& deviceId,
                     std::int64_t sessionId, std::int64_t timestamp);
@@ -116,6 +121,7 @@ class Serializer final : public CaptureReceiver, public std::enable_shared_from_
   std::shared_ptr<const Snapshot> previousSnapshot_;
   std::int64_t fullSnapshotTimestamp_ = 0;
   std::unordered_set<std::string> existingImageIdentifiers_;
+  std::atomic<std::size_t> sentImageCount_ = 0;  // its size, for readers on other threads
   // Elements that carry a class now: an image that goes must have its class removed explicitly, since an
   // attribute mutation only sets what it names.
   std::unordered_set<std::int64_t> elementsWithClass_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -37,7 +38,11 @@ enum class StorageCoordinatorError { couldNotPackEvent };
 //
 // Blocks are never forgotten: uploadStoredBlocks() offers every closed block in the store (those of
 // earlier runs too) in order of device, session and sequence number; it runs when the coordinator
-// starts and whenever the network comes back, and a block is never in two uploads at once.
+// starts and whenever the network comes back, and a block is never in two uploads at once. A block whose
+// upload failed because the collector could not be reached or could not take it then (no connection, a
+// server error, a rate limit) goes again right after the next block that is delivered, since that one
+// shows the collector is back; a block the collector refused as such (too large, malformed) is not
+// offered again until the next start, so that it is not sent over and over.
 //
 // Every entry point queues its work on `queue` ("com.verdalune.sessionreplay.storage") and returns at
 // once; all state below is touched on that queue only.
@@ -207,6 +212,7 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
              stored[i].identity.sessionId == session.sessionId && total > maxStoredBytes_;
            ++i) {
         if (!storage_->remove(stored[i].block)) continue;
+        awaitingCollector_.erase(stored[i].identity);
         total -= stored[i].bytes;
         droppedBytes += stored[i].bytes;
         ++dropped;
@@ -256,6 +262,7 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
       return;
     }
     if (!inFlight_.insert(*identity).second) return;  // already on its way
+    awaitingCollector_.erase(*identity);
 
     std::weak_ptr<Store> weakStorage = storage_;
     EventFetcher fetcher = [weakStorage,
@@ -283,12 +290,32 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     inFlight_.erase(identity);
     if (failure) {
       logger_->error("[StorageCoordinator] Failed to upload block " + name + ": " + describe(*failure));
+      if (worthSendingAgain(*failure)) awaitingCollector_.emplace(identity, block);
       return;
     }
     logger_->log("[StorageCoordinator] Successfully uploaded block " + name);
     if (auto removed = storage_->remove(block); !removed) {
       logger_->error("[StorageCoordinator] Failed to clean up block " + name + ": " +
                      removed.error().message());
+    }
+    // The collector takes blocks again: what it could not take before goes now, oldest first.
+    const auto awaiting = std::exchange(awaitingCollector_, {});
+    for (const auto& [waiting, waitingBlock] : awaiting) uploadBlock(waitingBlock);
+  }
+
+  // Whether a failed block may succeed as it is once the collector takes blocks again: not when the
+  // collector refused the block itself, nor when the block could not be read.
+  static bool worthSendingAgain(const UploadFailure& failure) {
+    const auto* error = std::get_if<HttpError>(&failure);
+    if (!error) return std::holds_alternative<platform::TransportError>(failure);
+    switch (*error) {
+      case HttpError::payloadTooLarge:
+      case HttpError::invalidRequest:
+      case HttpError::invalidURL:
+      case HttpError::couldNotEncodeData:
+        return false;
+      default:
+        return true;
     }
   }
 
@@ -305,6 +332,7 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   std::size_t activeBytes_ = 0;
   std::shared_ptr<DelayedWork> timedFlush_;
   std::set<BlockIdentity> inFlight_;
+  std::map<BlockIdentity, Block> awaitingCollector_;  // failed, to go with the next delivered block
 };
 
 }  // namespace verdalune::sessionreplay

@@ -112,8 +112,12 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
     return nullptr;
   };
 
-  std::vector<std::string> arguments{
-      VDL_COLLECTOR_PATH, "--port", "0", "--db", (folder / "sessions.sqlite3").string(), "--watch-stdin"};
+  std::vector<std::string> arguments{VDL_COLLECTOR_PATH,
+                                     "--port",
+                                     std::to_string(options.port.value_or(0)),
+                                     "--db",
+                                     (folder / "sessions.sqlite3").string(),
+                                     "--watch-stdin"};
   for (const auto& key : options.apiKeys) arguments.insert(arguments.end(), {"--api-key", key});
   for (const auto& [key, json] : options.configs) {
     const auto file = folder / ("config-" + std::to_string(arguments.size()) + ".json");

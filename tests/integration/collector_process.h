@@ -46,12 +46,15 @@ class CollectorProcess {
     std::vector<std::string> apiKeys{"test-key"};
     std::map<std::string, std::string> configs;  // api key -> JSON text, written to temp files
     std::optional<std::size_t> maxBodyBytes;
+    // A fixed port, for a collector that comes back where an earlier one was; a free one by default.
+    std::optional<int> port{};
   };
 
-  // Starts the binary (path from the compile definition VDL_COLLECTOR_PATH) on port 0 with a fresh
-  // database in a temporary folder; nullptr (with the reason on stderr) if it fails to come up within a
-  // few seconds. The collector also stops when this process ends without running the destructor.
-  // (Two overloads rather than a default argument: Options is not complete until the class is.)
+  // Starts the binary (path from the compile definition VDL_COLLECTOR_PATH) on `port` (a free one when
+  // none is given) with a fresh database in a temporary folder; nullptr (with the reason on stderr) if it
+  // fails to come up within a few seconds. The collector also stops when this process ends without running
+  // the destructor. (Two overloads rather than a default argument: Options is not complete until the class
+  // is.)
   static std::unique_ptr<CollectorProcess> start();
   static std::unique_ptr<CollectorProcess> start(Options options);
   ~CollectorProcess();  // SIGTERM, waits, removes the temporary folder
@@ -59,6 +62,7 @@ class CollectorProcess {
   CollectorProcess(const CollectorProcess&) = delete;
   CollectorProcess& operator=(const CollectorProcess&) = delete;
 
+  int port() const { return port_; }
   std::string baseUrl() const;    // "http://127.0.0.1:PORT"
   std::string trackUrl() const;   // baseUrl() + "/sessions/v2/track"
   std::string configUrl() const;  // baseUrl() + "/config"

@@ -17,6 +17,21 @@ namespace verdalune::sessionreplay::sim {
 
 namespace platform = verdalune::sessionreplay::platform;
 
+// Counts the live instances of `Owner`, copies included, as a member of it: what a test reads to see that
+// nothing the library was shown is kept after it is gone.
+template <typename Owner>
+class LiveCount {
+ public:
+  LiveCount() { ++count_; }
+  LiveCount(const LiveCount&) { ++count_; }
+  LiveCount& operator=(const LiveCount&) { return *this; }
+  ~LiveCount() { --count_; }
+  static std::int64_t value() { return count_.load(); }
+
+ private:
+  static inline std::atomic<std::int64_t> count_{0};
+};
+
 // How a simulated view paints its contents: an optional filled rounded rect behind an optional line of
 // text. Everything is in points; the bitmap is made at `scale` pixels per point.
 struct Drawing {
@@ -135,7 +150,11 @@ class SimSurface final : public platform::Surface {
   // Every pixel of a 4-byte surface set to `color` in the surface's channel order.
   void fill(const platform::Color& color);
 
+  // Surfaces alive in this process: the producers' and the copies made through SimPlatform::makeSurface.
+  static std::int64_t liveCount() { return LiveCount<SimSurface>::value(); }
+
  private:
+  LiveCount<SimSurface> live_;
   const platform::SurfaceProperties properties_;
   const bool keepsProperties_;
   const std::uint32_t id_;

@@ -89,6 +89,9 @@ class SimLayer final : public platform::Layer, public std::enable_shared_from_th
   void endAnimation();
   bool isAnimating() const { return animated_.has_value(); }
 
+  // Layers alive in this process, presentation copies included.
+  static std::int64_t liveCount() { return LiveCount<SimLayer>::value(); }
+
   // Makes presentationLayer() throw, as the platform does for a layer in a broken state.
   void setPresentationThrows(bool throws) { presentationThrows_ = throws; }
 
@@ -107,6 +110,7 @@ class SimLayer final : public platform::Layer, public std::enable_shared_from_th
   void notify(platform::LayerChange change);
   platform::LayerProperties withDerivedFrame(platform::LayerProperties properties) const;
 
+  LiveCount<SimLayer> live_;
   std::string className_;
   platform::LayerKind kind_;
   platform::LayerProperties properties_;
