@@ -17,7 +17,8 @@ for program in "$build"/bench/bench_*; do
   "$program" --benchmark_min_time=0.2 --benchmark_repetitions=9 --benchmark_enable_random_interleaving=true \
     --benchmark_report_aggregates_only=true "$@" | tee "$output"
   [ "${PIPESTATUS[0]}" -eq 0 ] || status=1
-  sed -n "s/^target:/$name:/p" "$output" >>"$summary"
+  # The table's colour codes may run into the next line, so they go before the targets are picked out.
+  sed -e 's/\x1b\[[0-9;]*m//g' "$output" | sed -n "s/^target:/$name:/p" >>"$summary"
 done
 echo
 echo "== Targets"
