@@ -252,6 +252,13 @@ void RemoteConfig::start(int retries, Completion completion) {
     return;
   }
 
+  if (!transport_) {
+    // No transport could be made: the cached configuration stays what applies.
+    finish(0, std::move(completion),
+           std::unexpected(RemoteConfigError(platform::TransportError{-1, "no HTTP transport"})));
+    return;
+  }
+
   platform::HttpRequest request;
   request.method = "GET";
   request.url = *url;

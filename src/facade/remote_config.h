@@ -99,8 +99,9 @@ class RemoteConfig : public std::enable_shared_from_this<RemoteConfig> {
  public:
   using Completion = std::function<void(RemoteConfigResult)>;
 
-  // `serverUrl` is the zone's config endpoint. `logger` may be null (nothing is logged); the other
-  // collaborators must not be.
+  // `serverUrl` is the zone's config endpoint. `logger` may be null (nothing is logged), and so may
+  // `transport` when none could be made (every fetch then fails, logged); the other collaborators must
+  // not be.
   [[nodiscard]] static std::shared_ptr<RemoteConfig> make(std::string apiKey, std::string serverUrl,
                                                           std::shared_ptr<Logger> logger,
                                                           std::shared_ptr<platform::HttpTransport> transport,

@@ -9,6 +9,9 @@
 namespace verdalune::sessionreplay {
 namespace {
 
+// The URL-loading code for a failure with no better name.
+constexpr int kNoTransport = -1;
+
 std::string_view keyOf(AsyncOperation::State state) {
   switch (state) {
     case AsyncOperation::State::ready:
@@ -91,6 +94,13 @@ void UploadOperation::start() {
   // not leave the device either, and they count as delivered so that they are cleaned up.
   if (!client->captureEnabled_ || client->optOut_ || !Sample::isInSample(sessionId_, client->sampleRate_)) {
     return finish(std::nullopt);
+  }
+  if (!client->transport_) {
+    // No transport could be made (libcurl failed to start): the block stays on disk for a launch that has
+    // one.
+    const platform::TransportError missing{kNoTransport, "no HTTP transport"};
+    client->options_.logger->error("[UploadClient] failed to upload: " + describe(HttpFailure(missing)));
+    return finish(missing);
   }
   auto events = eventFetcher_();
   if (!events) return finish(events.error());

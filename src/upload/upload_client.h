@@ -126,7 +126,8 @@ class UploadClient final : public BlockUploader, public std::enable_shared_from_
     ClientInfo client{};
   };
 
-  // Starts watching the network through `pathMonitor` at once.
+  // Starts watching the network through `pathMonitor` at once. With no `transport` (none could be made),
+  // every upload fails at once with a transport error, and its block is kept.
   [[nodiscard]] static std::shared_ptr<UploadClient> make(Options options,
                                                           std::shared_ptr<platform::HttpTransport> transport,
                                                           std::shared_ptr<platform::PathMonitor> pathMonitor,

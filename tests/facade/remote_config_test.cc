@@ -196,6 +196,15 @@ TEST_F(RemoteConfigTest, CacheKeepsTheLastAnswerUnderTheProjectsOwnKeyAndNothing
   EXPECT_EQ(first->cachedConfiguration(), std::nullopt);
 }
 
+TEST_F(RemoteConfigTest, WithoutATransportAFetchFailsOnceAndIsLogged) {
+  transport_ = nullptr;
+  fetcher_ = fetcher("test-key", collector_->configUrl());
+  const auto result = fetch(3);
+  ASSERT_FALSE(result.has_value());
+  EXPECT_EQ(describe(result.error()), "no HTTP transport");
+  EXPECT_THAT(logger_->lines(), ElementsAre(std::string(kFailureLine) + "no HTTP transport"));
+}
+
 TEST_F(RemoteConfigTest, AnUnparsableUrlFailsEachFetchButOneWithoutSchemeStopsEveryLaterFetch) {
   Completions unparsable, noScheme;
   const auto notAUrl = fetcher("test-key", "not a url");

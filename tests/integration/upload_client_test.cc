@@ -38,13 +38,14 @@ class UploadClientTest : public ::testing::Test {
     ASSERT_NE(collector_, nullptr);
   }
 
-  std::shared_ptr<UploadClient> makeClient(UploadClient::Options options = {}) {
+  std::shared_ptr<UploadClient> makeClient(UploadClient::Options options = {}, bool withTransport = true) {
     options.apiKey = "test-key";
     options.serverUrl = collector_->trackUrl();
     options.logger = logger_;
     options.client = {.bundleIdentifier = "com.example.app", .libraryVersion = "1.2.3"};
     if (options.requestTimeout == 60'000ms) options.requestTimeout = 10s;
-    std::shared_ptr<platform::HttpTransport> transport = CurlTransport::create().value();
+    std::shared_ptr<platform::HttpTransport> transport;
+    if (withTransport) transport = CurlTransport::create().value();
     return UploadClient::make(options, transport, monitor_, queue_);
   }
 
@@ -193,6 +194,17 @@ TEST_F(UploadClientTest, SessionsThatAreNotRecordedSendNothingAndCountAsDelivere
   upload(*captureOff);
   ASSERT_TRUE(driveUntil(*queue_, [this] { return answers_ == 3; }));
   EXPECT_EQ(requestCount(), 0u);
+}
+
+// libcurl may fail to start; the client then answers every block at once, and the block is kept.
+TEST_F(UploadClientTest, WithoutATransportEachUploadFailsWithoutSending) {
+  auto client = makeClient({}, false);
+  upload(*client);
+  ASSERT_TRUE(answered());
+  ASSERT_TRUE(outcome_.has_value());
+  EXPECT_EQ(describe(*outcome_), "no HTTP transport");
+  EXPECT_EQ(logger_->lines(),
+            std::vector<std::string>{"error: [UploadClient] failed to upload: no HTTP transport"});
 }
 
 TEST(UploadRequest, AnEndpointThatIsNotAUrlFailsAsInvalidUrl) {
