@@ -14,7 +14,6 @@
 #include "storage/block_state.h"
 #include "storage/persistent_storage.h"
 #include "storage/storage_coordinator.h"
-#include "support/json_writer.h"
 #include "upload/curl_transport.h"
 #include "upload/path_monitor.h"
 #include "upload/upload_client.h"
@@ -38,14 +37,6 @@ std::string serverUrlFor(ServerZone zone) {
   }
   std::fprintf(stderr, "[SessionReplay] unknown server zone %d\n", static_cast<int>(zone));
   std::abort();
-}
-
-std::string floatText(float value) {
-  std::string text;
-  appendShortestNumber(text, static_cast<double>(value));
-  // The configuration log shows a float as a float: "1.0", not "1".
-  if (text.find_first_of(".e") == std::string::npos) text += ".0";
-  return text;
 }
 
 }  // namespace
@@ -113,11 +104,20 @@ std::shared_ptr<SessionReplay> SessionReplay::make(std::string apiKey, std::opti
     return std::make_shared<SerialQueue>(std::string(label));
   };
   const ClientInfo client{s.application->bundleIdentifier(), s.application->libraryVersion()};
-  std::shared_ptr<platform::HttpTransport> transport = platform->httpTransport();
-  if (!transport) {
-    if (auto curl = CurlTransport::create()) {
-      transport = std::move(*curl);
+  // libcurl's transport runs one request at a time, so the configuration fetch gets a lane of its own:
+  // a capture switched off remotely must not wait behind a block's upload. A host's own transport
+  // decides its lanes itself.
+  std::shared_ptr<platform::HttpTransport> uploadTransport = platform->httpTransport();
+  std::shared_ptr<platform::HttpTransport> configTransport = uploadTransport;
+  if (!uploadTransport) {
+    auto uploads = CurlTransport::create();
+    auto configs = CurlTransport::create();
+    if (uploads && configs) {
+      uploadTransport = std::move(*uploads);
+      configTransport = std::move(*configs);
     } else {
+      // Both stay null: the upload client and the configuration fetcher then fail each exchange
+      // without sending, and the blocks wait on disk for a launch that can send them.
       s.logger->error("[SessionReplay] no HTTP transport: nothing will be uploaded");
     }
   }
@@ -141,10 +141,10 @@ std::shared_ptr<SessionReplay> SessionReplay::make(std::string apiKey, std::opti
                           .sampleRate = sampleRate,
                           .retryTimeInterval = kRetryTimeInterval,
                           .client = client},
-                         transport, pathMonitor, makeQueue("com.verdalune.sessionreplay.upload"));
-  s.remoteConfig =
-      RemoteConfig::make(s.apiKey, serverUrl + "/config", s.logger, transport, s.application->defaultsStore(),
-                         makeQueue("com.verdalune.sessionreplay.remoteconfig"), client);
+                         uploadTransport, pathMonitor, makeQueue("com.verdalune.sessionreplay.upload"));
+  s.remoteConfig = RemoteConfig::make(s.apiKey, serverUrl + "/config", s.logger, configTransport,
+                                      s.application->defaultsStore(),
+                                      makeQueue("com.verdalune.sessionreplay.remoteconfig"), client);
   s.storageCoordinator = StorageCoordinator<PersistentStorage>::make(
       std::make_shared<PersistentStorage>(s.apiKey, s.application->applicationSupportDirectory()),
       s.uploadClient, s.logger, BlockState(s.apiKey, s.application->defaultsStore()),
@@ -388,7 +388,7 @@ void SessionReplay::logConfiguration(std::string_view heading) const {
   s.logger->warn("apiKey: " + s.apiKey);
   s.logger->warn(std::string("optOut: ") + flag(s.optOut));
   s.logger->warn(std::string("captureEnabled: ") + flag(s.captureEnabled));
-  s.logger->warn("sampleRate: " + floatText(s.sampleRate));
+  s.logger->warn("sampleRate: " + sampleRateText(s.sampleRate));
   s.logger->warn("maskLevel: " + std::string(describe(s.maskLevel)));
   s.logger->warn(std::string("enableRemoteConfig: ") + flag(s.enableRemoteConfig));
   s.logger->warn(line);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -11,6 +12,8 @@
 #include "facade/remote_config.h"
 #include "integration/collector_process.h"
 #include "integration/drive.h"
+#include "storage/persistent_storage.h"
+#include "storage/versioned_event.h"
 #include "verdalune/sim/platform.h"
 #include "verdalune/sim/screen_builder.h"
 
@@ -39,8 +42,9 @@ class SessionReplayTest : public ::testing::Test {
   std::shared_ptr<SessionReplay> make(std::optional<std::string> deviceId, std::int64_t sessionId,
                                       bool enableRemoteConfig = false,
                                       std::shared_ptr<Logger> withLogger = nullptr,
-                                      std::string serverUrl = "http://127.0.0.1:9") {
-    return SessionReplay::make("test-key", std::move(deviceId), sessionId, false, 1.0f, {},
+                                      std::string serverUrl = "http://127.0.0.1:9", bool optOut = false,
+                                      float sampleRate = 1.0f) {
+    return SessionReplay::make("test-key", std::move(deviceId), sessionId, optOut, sampleRate, {},
                                withLogger ? withLogger : logger, ServerZone::US, MaskLevel::light,
                                enableRemoteConfig, device,
                                {.serverUrl = std::move(serverUrl),
@@ -49,6 +53,17 @@ class SessionReplayTest : public ::testing::Test {
                                 }});
   }
   void run() { device->app()->runUntilIdle(); }
+  // A block an earlier launch left for the collector: "device", session 7, number 1.
+  PersistentStorage::Block storeBlockOfEarlierLaunch() {
+    PersistentStorage storage("test-key", device->app()->applicationSupportDirectory());
+    const auto block = storage.create({"device", 7, 1}).value();
+    auto stream = storage.openOutputStream(block).value();
+    const std::string record =
+        std::string(EventPacker().pack(rrweb::MetaEvent{.timestamp = 1}).value()) + "\n";
+    EXPECT_TRUE(stream.write({reinterpret_cast<const std::uint8_t*>(record.data()), record.size()}));
+    EXPECT_TRUE(stream.close());
+    return block;
+  }
   std::size_t pending() { return device->app()->manualQueue()->pendingCount(); }
   std::vector<std::string> warnings() {
     std::vector<std::string> found;
@@ -126,10 +141,10 @@ TEST_F(SessionReplayTest, KeepsItselfAliveWhileStartedAndStopsCaptureWhenRelease
 }
 
 TEST_F(SessionReplayTest, LogsItsConfigurationAndTheDefaultLoggerIsSilent) {
-  make("device", 7);
+  make("device", 7, false, nullptr, "http://127.0.0.1:9", false, 0.1f);
   const std::vector<std::string> expected{
       std::string(43, '-'), "Using parameters:",         "apiKey: test-key",
-      "optOut: false",      "captureEnabled: true",      "sampleRate: 1.0",
+      "optOut: false",      "captureEnabled: true",      "sampleRate: 0.1",
       "maskLevel: light",   "enableRemoteConfig: false", std::string(43, '-')};
   EXPECT_EQ(warnings(), expected);
 
@@ -185,6 +200,45 @@ TEST_F(SessionReplayTest, AFetchedConfigurationChangesTheDecisionOnlyWhenItDiffe
   EXPECT_FALSE(second->isCapturing()) << "capture switched off remotely";
   replay->stop();
   second->stop();
+  run();
+}
+
+// Blocks written before the user opted out, or of a session out of sample, never leave the device.
+TEST_F(SessionReplayTest, TheRecordingSwitchesReachBlocksOfEarlierLaunches) {
+  auto collector = CollectorProcess::start();
+  struct Case {
+    bool optOut;
+    float sampleRate;
+    std::size_t uploads;
+  };
+  for (const auto& [optOut, sampleRate, uploads] :
+       {Case{true, 1.0f, 0}, Case{false, 0.0f, 0}, Case{false, 1.0f, 1}}) {
+    SCOPED_TRACE(::testing::Message() << "optOut " << optOut << ", sample rate " << sampleRate);
+    collector->reset();
+    const auto block = storeBlockOfEarlierLaunch();
+    auto replay = make("device", 7, false, nullptr, collector->baseUrl(), optOut, sampleRate);
+    ASSERT_TRUE(driveUntil(*device->app()->manualQueue(), [&] { return !std::filesystem::exists(block); }));
+    EXPECT_EQ(collector->requests().size(), uploads);
+  }
+}
+
+// The configuration has a lane of its own: while an upload is held open, a fetch still gets through.
+TEST_F(SessionReplayTest, TheConfigurationFetchDoesNotWaitBehindAnUpload) {
+  auto collector = CollectorProcess::start({.configs = {{"test-key", configBody("light", false, 1)}}});
+  collector->injectFaults({{.delayMs = 3000}});
+  storeBlockOfEarlierLaunch();
+  auto replay = make("device", 7, true, nullptr, collector->baseUrl());
+  const auto held = [&](std::string_view path, int status) {
+    const auto requests = collector->requests();
+    return std::ranges::any_of(requests,
+                               [&](const auto& r) { return r.path.ends_with(path) && r.status == status; });
+  };
+  ASSERT_TRUE(driveUntil(*device->app()->manualQueue(), [&] { return held("/track", 0); }));
+  replay->start();
+  EXPECT_TRUE(driveUntil(
+      *device->app()->manualQueue(), [&] { return held("/config", 200) && held("/track", 0); },
+      std::chrono::milliseconds(2500)));
+  replay->stop();
   run();
 }
 
