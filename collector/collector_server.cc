@@ -24,6 +24,9 @@ using httplib::Response;
 
 constexpr const char* kTrackPath = "/sessions/v2/track";
 constexpr const char* kConfigPath = "/config";
+// A moved endpoint, for tests of clients that follow redirects: /_control/moved/STATUS/PATH answers
+// STATUS (a 3xx) with Location /PATH and the query as it came.
+constexpr const char* kMovedRoute = R"(/_control/moved/(3[0-9][0-9])(/.*))";
 // The status written to the log for a dropped connection; the client never sees it.
 constexpr int kDroppedStatus = 444;
 // Generous, so that connections a client keeps alive and delayed requests never queue behind each other.
@@ -207,6 +210,16 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
              local([this](const Request& request, Response& response) { handleFaults(request, response); }));
   http_.Get("/_control/requests",
             local([this](const Request&, Response& response) { handleRequests(response); }));
+  const auto moved = local([this](const Request& request, Response& response) {
+    const int status = std::stoi(request.matches[1].str());
+    std::string location = request.matches[2].str();
+    if (const auto query = rawQuery(request); !query.empty()) location += "?" + std::string(query);
+    response.set_header("Location", location);
+    answerText(response, status, "moved to " + location);
+    record(request, status);
+  });
+  http_.Post(kMovedRoute, moved);
+  http_.Get(kMovedRoute, moved);
   http_.Post("/_control/reset", local([this](const Request&, Response& response) {
                {
                  std::lock_guard lock(mutex_);

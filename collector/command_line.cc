@@ -54,6 +54,7 @@ Endpoints:
   GET  /                                             an HTML list of the sessions, linked to their pages
   GET  /player/rrweb-player.js   GET /player/style.css   the player's files, read from --assets
   POST /_control/faults   GET /_control/requests   POST /_control/reset   (from this host only)
+  GET|POST /_control/moved/3XX/PATH    answers 3XX with Location /PATH (from this host only)
 )";
 }
 

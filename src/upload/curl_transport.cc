@@ -40,8 +40,12 @@ constexpr int kServerCertificateUntrusted = -1202;
 constexpr int kClientCertificateRequired = -1206;
 
 // How long an idle lane sleeps between looks at its queue; send, cancel and destruction wake it
-// sooner, so this only bounds a wait nobody asked to cut short.
+// sooner, and a transfer's idle limit when it comes first, so this only bounds a wait nobody asked to
+// cut short.
 constexpr int kIdleWaitMilliseconds = 60'000;
+
+// Redirects followed for one request before it fails with "too many redirects".
+constexpr long kMaxRedirects = 10;
 
 bool isNetworkUnreachable(long osErrno) {
   return osErrno == ENETUNREACH || osErrno == ENETDOWN;
@@ -156,10 +160,15 @@ class CurlTransport::Task final : public platform::HttpTask {
   // The outcome of the finished transfer.
   [[nodiscard]] HttpCompletion outcome(CURLcode result);
 
+  // How long the lane may wait before this transfer's idle limit runs out; at least 1 ms.
+  [[nodiscard]] int millisecondsToIdleLimit() const;
+
   const HttpRequest request;
   CURL* easy = nullptr;
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   static size_t collect(char* bytes, size_t size, size_t count, void* task);
   static int progress(void* task, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
 
@@ -174,6 +183,12 @@ class CurlTransport::Task final : public platform::HttpTask {
   curl_slist* headers_ = nullptr;
   std::string received_;
   char errorText_[CURL_ERROR_SIZE] = {};
+  // The idle limit, seen to by the progress callback on the lane thread: the byte counts last seen,
+  // when they last moved, and whether the limit ended the transfer.
+  curl_off_t lastReceived_ = 0;
+  curl_off_t lastSent_ = 0;
+  Clock::time_point lastActivity_;
+  bool idledOut_ = false;
 };
 
 struct CurlTransport::Lane {
@@ -210,8 +225,27 @@ size_t CurlTransport::Task::collect(char* bytes, size_t size, size_t count, void
   return size * count;
 }
 
-int CurlTransport::Task::progress(void* task, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return static_cast<Task*>(task)->cancelled() ? 1 : 0;
+int CurlTransport::Task::progress(void* opaque, curl_off_t, curl_off_t received, curl_off_t,
+                                  curl_off_t sent) {
+  auto& task = *static_cast<Task*>(opaque);
+  if (task.cancelled()) return 1;
+  const auto now = Clock::now();
+  if (received != task.lastReceived_ || sent != task.lastSent_) {
+    task.lastReceived_ = received;
+    task.lastSent_ = sent;
+    task.lastActivity_ = now;
+  } else if (task.request.timeout.count() > 0 && now - task.lastActivity_ >= task.request.timeout) {
+    task.idledOut_ = true;
+    return 1;
+  }
+  return 0;
+}
+
+int CurlTransport::Task::millisecondsToIdleLimit() const {
+  if (request.timeout.count() <= 0) return kIdleWaitMilliseconds;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(lastActivity_ + request.timeout - Clock::now()).count();
+  return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(left, 1, kIdleWaitMilliseconds));
 }
 
 std::optional<HttpCompletion> CurlTransport::Task::prepare() {
@@ -246,12 +280,22 @@ std::optional<HttpCompletion> CurlTransport::Task::prepare() {
   };
   set(CURLOPT_URL, request.url.c_str());
   set(CURLOPT_PROTOCOLS_STR, "http,https");
-  set(CURLOPT_FOLLOWLOCATION, 0L);
+  set(CURLOPT_FOLLOWLOCATION, 1L);
+  set(CURLOPT_MAXREDIRS, kMaxRedirects);
+  set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  // A POST stays a POST, body and all, through 301 and 302 as it does through 307 and 308; only 303
+  // turns it into a GET.
+  set(CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_301 | CURL_REDIR_POST_302));
+  // Never hand the credentials to a host, port or scheme other than the one the request named.
+  set(CURLOPT_UNRESTRICTED_AUTH, 0L);
   set(CURLOPT_SSL_VERIFYPEER, 1L);
   set(CURLOPT_SSL_VERIFYHOST, 2L);
   // Threads and signals do not mix; libcurl's resolver times out without SIGALRM when told so.
   set(CURLOPT_NOSIGNAL, 1L);
-  set(CURLOPT_TIMEOUT_MS,
+  // The timeout bounds the connection (name lookup and TLS included) and then every silence of the
+  // exchange (the progress callback watches those), never the whole transfer: a large block on a slow
+  // but working link must get through.
+  set(CURLOPT_CONNECTTIMEOUT_MS,
       static_cast<long>(std::max<std::chrono::milliseconds::rep>(request.timeout.count(), 0)));
   set(CURLOPT_HTTPHEADER, headers_);
   set(CURLOPT_ERRORBUFFER, errorText_);
@@ -271,10 +315,15 @@ std::optional<HttpCompletion> CurlTransport::Task::prepare() {
     if (request.method != "POST") set(CURLOPT_CUSTOMREQUEST, request.method.c_str());
   }
   if (code != CURLE_OK) return failed(code);
+  lastActivity_ = Clock::now();
   return std::nullopt;
 }
 
 HttpCompletion CurlTransport::Task::outcome(CURLcode result) {
+  if (idledOut_) {
+    const auto limit = std::to_string(request.timeout.count());
+    return failed(CURLE_OPERATION_TIMEDOUT, 0, "No data sent or received for " + limit + " milliseconds");
+  }
   if (result != CURLE_OK) {
     long osErrno = 0;
     curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &osErrno);
@@ -348,7 +397,7 @@ void CurlTransport::Lane::run() {
       std::exchange(current, nullptr)->complete(std::move(*done));
       continue;
     }
-    curl_multi_poll(multi, nullptr, 0, kIdleWaitMilliseconds, nullptr);
+    curl_multi_poll(multi, nullptr, 0, current->millisecondsToIdleLimit(), nullptr);
   }
 }
 

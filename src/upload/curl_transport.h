@@ -25,8 +25,20 @@ namespace verdalune::sessionreplay {
 //
 // A request goes out with its method, body and headers exactly as given, in that order; libcurl's
 // own "Expect: 100-continue" and default Accept and Content-Type are not added, and a header with an
-// empty value is sent empty rather than dropped. The request's timeout bounds the whole exchange,
-// connection included. Redirects are not followed: a 3xx comes back as it is.
+// empty value is sent empty rather than dropped.
+//
+// The request's timeout is an idle limit, not a deadline: it bounds the connection (name lookup and
+// TLS handshake included) and then every stretch of the exchange in which no byte goes out or comes
+// in. A transfer that keeps moving may take as long as it needs, so a large block gets through a slow
+// link; one that stalls for the timeout fails with -1001.
+//
+// Redirects are followed, up to 10 for one request (then -1007), to http and https URLs only (else
+// -1002). 307 and 308 repeat the request as it was. 301 and 302 do too, although browsers turn a POST
+// into a GET there: a block that arrived at a moved endpoint without its body would be refused, and
+// then dropped by its sender. 303 says the request was handled and the answer is elsewhere, so it is
+// fetched with a GET without the body. Headers go along to every hop, except that "Authorization" is
+// sent only while the host, port and scheme stay those of the request. A 3xx that cannot be followed
+// (no Location) comes back as it is.
 //
 // Each completion is called exactly once, on the lane thread, with either the HTTP status and the
 // body (absent when the response had none) or a TransportError whose description is libcurl's

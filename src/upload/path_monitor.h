@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -64,10 +65,12 @@ class ManualPathMonitor final : public platform::PathMonitor {
   PathStatusReporter reporter_;
 };
 
-// One network interface as the kernel describes it; `flags` holds its IFF_ bits.
+// One network interface as the kernel describes it; `flags` holds its IFF_ bits. `hasRoutableAddress`
+// is true when it holds an address that reaches beyond its own link (not link-local, not host-only).
 struct NetworkInterface {
   int index = 0;
   unsigned flags = 0;
+  bool hasRoutableAddress = false;
 };
 
 // A default route (IPv4 or IPv6) and the interfaces it leaves through: one, several for a multipath
@@ -76,18 +79,30 @@ struct DefaultRoute {
   std::vector<int> interfaces;
 };
 
-// Satisfied when a default route leaves through an interface that is up and running and not the
-// loopback (a route naming no interface counts as leaving through any such interface); unsatisfied
-// otherwise.
+// Whether the collector can be reached, judged from this host alone. Satisfied when
+// - the collector is on this host (`collectorOnLoopback`), whatever the network does;
+// - a default route leaves through a working interface (up, running, not the loopback; a route naming
+//   no interface counts as leaving through any working one); or
+// - a working interface holds a routable address: a collector on the local network, or one reached
+//   through a more specific route, needs no default route.
+// Unsatisfied otherwise: no cable or radio link with an address, nothing but the loopback.
 //
-// A default route rather than any route: every interface that is up carries an IPv6 link-local
-// route, and a subnet route alone reaches the local network but not the collection service.
-[[nodiscard]] platform::PathStatus routedPathStatus(const std::vector<NetworkInterface>& interfaces,
-                                                    const std::vector<DefaultRoute>& defaultRoutes);
+// Link-local addresses do not count, because every interface that is up has an IPv6 one whether or not
+// it is on a network. Erring towards "satisfied" costs little: the transport's own errors still tell an
+// unreachable collector, and its uploads try again, while a wrong "unsatisfied" parks them until the
+// network changes.
+[[nodiscard]] platform::PathStatus networkPathStatus(const std::vector<NetworkInterface>& interfaces,
+                                                     const std::vector<DefaultRoute>& defaultRoutes,
+                                                     bool collectorOnLoopback = false);
 
-// The path monitor of a Linux host: routedPathStatus over the kernel's interface and routing tables,
-// re-read whenever rtnetlink announces a link, address or route change (IPv4 or IPv6). It never
-// reports requiresConnection.
+// True for "localhost" and for addresses of 127.0.0.0/8 and ::1 (bracketed or not, also as IPv4
+// mapped into IPv6): a host the loopback interface reaches.
+[[nodiscard]] bool isLoopbackHost(std::string_view host);
+
+// The path monitor of a Linux host: networkPathStatus over the kernel's interfaces, addresses and
+// default routes, re-read whenever rtnetlink announces a link, address or route change (IPv4 or
+// IPv6). Given the collector's host, and that host is on the loopback, it reports satisfied throughout.
+// It never reports requiresConnection.
 //
 // start() spawns the monitor's thread, which delivers the current status first and then each change.
 // If the tables cannot be read the status is kept as it was, and taken to be satisfied before the
@@ -100,7 +115,10 @@ struct DefaultRoute {
 class NetlinkPathMonitor final : public platform::PathMonitor {
  public:
   // Opens the rtnetlink sockets; fails with the system's error when they cannot be opened.
-  [[nodiscard]] static std::expected<std::unique_ptr<NetlinkPathMonitor>, std::error_code> create();
+  // `collectorHost` is the host part of the collector's URL ("localhost", "127.0.0.1", "[::1]", a name
+  // or an address), or empty when unknown.
+  [[nodiscard]] static std::expected<std::unique_ptr<NetlinkPathMonitor>, std::error_code> create(
+      std::string_view collectorHost = {});
 
   ~NetlinkPathMonitor() override;
   NetlinkPathMonitor(const NetlinkPathMonitor&) = delete;

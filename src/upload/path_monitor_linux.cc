@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <utility>
@@ -47,8 +48,8 @@ std::expected<UniqueFd, std::error_code> openRouteSocket(unsigned groups) {
   return socket;
 }
 
-// Every change that can move a default route or an interface's state; addresses too, because adding
-// or removing one adds or removes the routes through it.
+// Every change that can move a default route, an interface's state or its addresses (which count on
+// their own, and take routes along when they come and go).
 constexpr unsigned kWatchedGroups =
     RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
 
@@ -58,6 +59,14 @@ constexpr timeval kDumpPatience{.tv_sec = 2, .tv_usec = 0};
 NetworkInterface interfaceOf(const nlmsghdr& message) {
   const auto* info = static_cast<const ifinfomsg*>(NLMSG_DATA(&message));
   return {.index = info->ifi_index, .flags = info->ifi_flags};
+}
+
+// The interface of an address that reaches beyond its own link; nothing for a link-local or host-only
+// one.
+std::optional<int> routableAddressInterfaceOf(const nlmsghdr& message) {
+  const auto* address = static_cast<const ifaddrmsg*>(NLMSG_DATA(&message));
+  if (address->ifa_scope >= RT_SCOPE_LINK) return std::nullopt;
+  return static_cast<int>(address->ifa_index);
 }
 
 std::optional<DefaultRoute> defaultRouteOf(const nlmsghdr& message) {
@@ -85,8 +94,11 @@ std::optional<DefaultRoute> defaultRouteOf(const nlmsghdr& message) {
 
 // What the monitor's thread needs; shared with the monitor, so either may go first.
 struct NetlinkPathMonitor::Watch {
-  Watch(UniqueFd changes, UniqueFd queries, UniqueFd wakeup)
-      : changes(std::move(changes)), queries(std::move(queries)), wakeup(std::move(wakeup)) {}
+  Watch(UniqueFd changes, UniqueFd queries, UniqueFd wakeup, bool collectorOnLoopback)
+      : changes(std::move(changes)),
+        queries(std::move(queries)),
+        wakeup(std::move(wakeup)),
+        collectorOnLoopback(collectorOnLoopback) {}
 
   void run();
   void wake() const {
@@ -105,6 +117,7 @@ struct NetlinkPathMonitor::Watch {
   const UniqueFd changes;  // subscribed to kWatchedGroups before the first read, so no change slips by
   const UniqueFd queries;  // dump requests and their answers
   const UniqueFd wakeup;   // an eventfd written by cancel()
+  const bool collectorOnLoopback;
   PathStatusReporter reporter;
   // Used by the monitor's thread only.
   std::uint32_t sequence = 0;
@@ -143,14 +156,22 @@ bool NetlinkPathMonitor::Watch::dump(std::uint16_t type, Visit visit) {
 std::optional<PathStatus> NetlinkPathMonitor::Watch::readStatus() {
   std::vector<NetworkInterface> interfaces;
   std::vector<DefaultRoute> defaultRoutes;
+  std::vector<int> addressed;  // interfaces holding a routable address, once per address
   const bool read =
       dump<ifinfomsg>(RTM_GETLINK,
                       [&](const nlmsghdr& message) { interfaces.push_back(interfaceOf(message)); }) &&
+      dump<ifaddrmsg>(RTM_GETADDR,
+                      [&](const nlmsghdr& message) {
+                        if (auto index = routableAddressInterfaceOf(message)) addressed.push_back(*index);
+                      }) &&
       dump<rtmsg>(RTM_GETROUTE, [&](const nlmsghdr& message) {
         if (auto route = defaultRouteOf(message)) defaultRoutes.push_back(std::move(*route));
       });
   if (!read) return std::nullopt;
-  return routedPathStatus(interfaces, defaultRoutes);
+  for (auto& interface : interfaces) {
+    interface.hasRoutableAddress = std::ranges::find(addressed, interface.index) != addressed.end();
+  }
+  return networkPathStatus(interfaces, defaultRoutes, collectorOnLoopback);
 }
 
 void NetlinkPathMonitor::Watch::run() {
@@ -187,7 +208,8 @@ void NetlinkPathMonitor::Watch::run() {
 
 NetlinkPathMonitor::NetlinkPathMonitor(std::shared_ptr<Watch> watch) : watch_(std::move(watch)) {}
 
-std::expected<std::unique_ptr<NetlinkPathMonitor>, std::error_code> NetlinkPathMonitor::create() {
+std::expected<std::unique_ptr<NetlinkPathMonitor>, std::error_code> NetlinkPathMonitor::create(
+    std::string_view collectorHost) {
   auto changes = openRouteSocket(kWatchedGroups);
   if (!changes) return std::unexpected(changes.error());
   auto queries = openRouteSocket(0);
@@ -198,7 +220,8 @@ std::expected<std::unique_ptr<NetlinkPathMonitor>, std::error_code> NetlinkPathM
   UniqueFd wakeup(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (wakeup.get() < 0) return std::unexpected(systemError());
   return std::unique_ptr<NetlinkPathMonitor>(new NetlinkPathMonitor(
-      std::make_shared<Watch>(std::move(*changes), std::move(*queries), std::move(wakeup))));
+      std::make_shared<Watch>(std::move(*changes), std::move(*queries), std::move(wakeup),
+                              !collectorHost.empty() && isLoopbackHost(collectorHost))));
 }
 
 NetlinkPathMonitor::~NetlinkPathMonitor() {

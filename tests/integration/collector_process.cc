@@ -183,6 +183,10 @@ std::string CollectorProcess::configUrl() const {
   return baseUrl() + "/config";
 }
 
+std::string CollectorProcess::movedUrl(int status, const std::string& path) const {
+  return baseUrl() + "/_control/moved/" + std::to_string(status) + path;
+}
+
 void CollectorProcess::injectFaults(const std::vector<Fault>& faults) {
   // The collector refuses status 0, so a fault without a status leaves the member out.
   std::string json = "[";

@@ -66,6 +66,8 @@ class CollectorProcess {
   std::string baseUrl() const;    // "http://127.0.0.1:PORT"
   std::string trackUrl() const;   // baseUrl() + "/sessions/v2/track"
   std::string configUrl() const;  // baseUrl() + "/config"
+  // An endpoint that answers `status` (a 3xx) with Location `path` and the query, recorded as a request.
+  std::string movedUrl(int status, const std::string& path) const;
 
   // Appends to the faults pending; each later track or config request takes the first one left.
   void injectFaults(const std::vector<Fault>& faults);

@@ -40,7 +40,7 @@ class UploadClientTest : public ::testing::Test {
 
   std::shared_ptr<UploadClient> makeClient(UploadClient::Options options = {}, bool withTransport = true) {
     options.apiKey = "test-key";
-    options.serverUrl = collector_->trackUrl();
+    if (options.serverUrl.empty()) options.serverUrl = collector_->trackUrl();
     options.logger = logger_;
     options.client = {.bundleIdentifier = "com.example.app", .libraryVersion = "1.2.3"};
     if (options.requestTimeout == 60'000ms) options.requestTimeout = 10s;
@@ -102,6 +102,29 @@ TEST_F(UploadClientTest, SendsTheBlockWithItsQueryHeadersAndBodyAsBuilt) {
   const auto lines = logger_->lines();
   EXPECT_EQ(lines.front(), "debug: [UploadClient] uploading device-1/1/3");
   EXPECT_EQ(lines.back(), "log: [UploadClient] successfully completed upload");
+}
+
+TEST_F(UploadClientTest, ABlockSentToAMovedEndpointArrivesOnceWithItsBody) {
+  for (const int status : {301, 308}) {
+    collector_->reset();
+    answers_ = 0;
+    auto client = makeClient({.serverUrl = collector_->movedUrl(status, "/sessions/v2/track")});
+    const std::int64_t sessionId = 1700000000000 + status;
+    upload(*client, sessionId);
+    ASSERT_TRUE(answered());
+    EXPECT_EQ(outcome_, std::nullopt) << status;
+
+    const auto requests = collector_->requests();
+    ASSERT_EQ(requests.size(), 2u) << status;
+    EXPECT_EQ(requests[0].status, status);
+    EXPECT_EQ(requests[1].method, "POST") << status;
+    EXPECT_EQ(requests[1].path, "/sessions/v2/track");
+    EXPECT_EQ(requests[1].query, requests[0].query);
+    EXPECT_EQ(requests[1].header("Authorization"), "Bearer test-key");
+    EXPECT_EQ(requests[1].body, requests[0].body);
+    EXPECT_EQ(requests[1].status, 200) << status;
+    EXPECT_EQ(collector_->sessionEvents("device-1", sessionId).size(), kEvents.size()) << status;
+  }
 }
 
 TEST_F(UploadClientTest, RateLimitingIsRetriedAfterTheRetryInterval) {

@@ -48,8 +48,8 @@ Sent send(CurlTransport& transport, std::string url, std::string method = "GET",
           Headers headers = {}) {
   auto promise = std::make_shared<std::promise<HttpCompletion>>();
   auto outcome = promise->get_future();
-  // "/slow" is the path that answers too late for its short timeout.
-  const std::chrono::milliseconds timeout = url.ends_with("/slow") ? 300ms : 60s;
+  // "/slow" answers too late for its short timeout, "/trickle" a little at a time for longer than it.
+  const std::chrono::milliseconds timeout = url.ends_with("/slow") || url.ends_with("/trickle") ? 400ms : 60s;
   auto task =
       transport.send({std::move(method), std::move(url), std::move(headers), std::move(body), timeout},
                      [promise](HttpCompletion done) { promise->set_value(std::move(done)); });
@@ -78,24 +78,44 @@ TEST(UrlLoadingErrorCode, TranslatesEachFamilyOfCurlFailure) {
   }
 }
 
+// A request as the server received it.
+struct Arrival {
+  std::string method, path, body, authorization;
+  bool operator==(const Arrival&) const = default;
+};
+
 // A real HTTP server on 127.0.0.1 in front of one transport. "/status/N" answers with status N, "/held"
-// and "/slow" only once the test opens the gate, any other path at once with an empty 200.
+// and "/slow" only once the test opens the gate, "/trickle" one byte every 150 ms for 1.5 s,
+// "/redirect/N?to=URL" with status N to URL (to itself when no URL is given), any other path at once
+// with an empty 200.
 class CurlTransportTest : public ::testing::Test {
  protected:
   void SetUp() override {
     auto answer = [this](const httplib::Request& request, httplib::Response& response) {
       std::unique_lock lock(mutex_);
-      paths_.push_back(request.path);
+      arrivals_.push_back(
+          {request.method, request.path, request.body, request.get_header_value("Authorization")});
       maxInFlight_ = std::max(maxInFlight_, ++inFlight_);
       changed_.notify_all();
       if (request.path == "/held" || request.path == "/slow") {
         changed_.wait_for(lock, kPatience, [&] { return open_; });
       }
       --inFlight_;
-      if (!request.path.starts_with("/status/")) return;
-      response.status = std::stoi(request.path.substr(8));
-      if (response.status == 302) response.set_header("Location", "/echo");
-      if (response.status != 204) response.set_content("status body", "text/plain");
+      if (request.path == "/trickle") {
+        response.set_chunked_content_provider("text/plain", [](std::size_t sent, httplib::DataSink& sink) {
+          std::this_thread::sleep_for(150ms);
+          sink.write("x", 1);
+          if (sent + 1 == 10) sink.done();
+          return true;
+        });
+      } else if (request.path.starts_with("/redirect/")) {
+        response.status = std::stoi(request.path.substr(10));
+        response.set_header("Location",
+                            request.has_param("to") ? request.get_param_value("to") : request.target);
+      } else if (request.path.starts_with("/status/")) {
+        response.status = std::stoi(request.path.substr(8));
+        if (response.status != 204) response.set_content("status body", "text/plain");
+      }
     };
     server_.Get(".*", answer).Post(".*", answer);
     port_ = server_.bind_to_any_port("127.0.0.1");
@@ -126,11 +146,16 @@ class CurlTransportTest : public ::testing::Test {
   }
   void awaitArrival() {
     std::unique_lock lock(mutex_);
-    ASSERT_TRUE(changed_.wait_for(lock, kPatience, [&] { return !paths_.empty(); }));
+    ASSERT_TRUE(changed_.wait_for(lock, kPatience, [&] { return !arrivals_.empty(); }));
+  }
+  std::vector<Arrival> arrivals() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(arrivals_, {});
   }
   std::vector<std::string> paths() {
-    std::lock_guard lock(mutex_);
-    return paths_;
+    std::vector<std::string> paths;
+    for (const auto& arrival : arrivals()) paths.push_back(arrival.path);
+    return paths;
   }
 
   httplib::Server server_;
@@ -138,14 +163,14 @@ class CurlTransportTest : public ::testing::Test {
   int port_ = 0;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<std::string> paths_;  // guarded by mutex_, as is everything below
+  std::vector<Arrival> arrivals_;  // guarded by mutex_, as is everything below
   int inFlight_ = 0;
   int maxInFlight_ = 0;
   bool open_ = false;
   std::unique_ptr<CurlTransport> transport_;
 };
 
-TEST_F(CurlTransportTest, HandsBackStatusAndBodyWithoutFollowingRedirects) {
+TEST_F(CurlTransportTest, HandsBackStatusAndBody) {
   for (const auto& [status, body] :
        {std::pair{200, "status body"}, {204, ""}, {302, "status body"}, {500, "status body"}}) {
     const auto completion = send(*transport_, url("/status/" + std::to_string(status))).await();
@@ -155,7 +180,6 @@ TEST_F(CurlTransportTest, HandsBackStatusAndBodyWithoutFollowingRedirects) {
     EXPECT_EQ(completion.data, *body ? std::optional<std::string>(body) : std::nullopt) << status;
     EXPECT_FALSE(completion.error) << status;
   }
-  for (const auto& path : paths()) EXPECT_NE(path, "/echo") << "the redirect was followed";
 }
 
 TEST_F(CurlTransportTest, RunsRequestsOneAtATimeInTheOrderSent) {
@@ -173,8 +197,14 @@ TEST_F(CurlTransportTest, RunsRequestsOneAtATimeInTheOrderSent) {
   EXPECT_EQ(maxInFlight_, 1);
 }
 
-TEST_F(CurlTransportTest, FailuresThatNeverReachAnAnswerHaveTheirOwnCodes) {
+TEST_F(CurlTransportTest, TheTimeoutLimitsSilenceNotTheWholeTransfer) {
+  const auto trickled = send(*transport_, url("/trickle")).await();
+  EXPECT_FALSE(trickled.error) << trickled.error->description;
+  EXPECT_EQ(trickled.data, std::string(10, 'x'));
   EXPECT_EQ(send(*transport_, url("/slow")).errorCode(), -1001);
+}
+
+TEST_F(CurlTransportTest, FailuresThatNeverReachAnAnswerHaveTheirOwnCodes) {
   EXPECT_EQ(send(*transport_, "http://").errorCode(), -1000);
   EXPECT_EQ(send(*transport_, url("/echo").replace(0, 4, "ftp")).errorCode(), -1002);
   // TLS spoken to a server that only speaks plain HTTP: the handshake fails.
@@ -308,6 +338,39 @@ TEST_F(CurlTransportTest, BrokenConnectionsAreLostAndRefusedOnesCannotConnect) {
   ASSERT_TRUE(refused.error);
   EXPECT_EQ(refused.error->code, -1004);
   EXPECT_NE(refused.error->description, "");
+}
+
+TEST_F(CurlTransportTest, FollowsRedirectsKeepingTheBlockUnlessToldToSeeOther) {
+  const Headers authorized = {{"Authorization", "Bearer key"}};
+  for (const auto& [status, expected] : {std::pair{301, Arrival{"POST", "/echo", "block", "Bearer key"}},
+                                         {302, {"POST", "/echo", "block", "Bearer key"}},
+                                         {303, {"GET", "/echo", "", "Bearer key"}},
+                                         {307, {"POST", "/echo", "block", "Bearer key"}},
+                                         {308, {"POST", "/echo", "block", "Bearer key"}}}) {
+    const auto path = "/redirect/" + std::to_string(status);
+    const auto completion = send(*transport_, url(path + "?to=/echo"), "POST", "block", authorized).await();
+    ASSERT_TRUE(completion.response) << status;
+    EXPECT_EQ(completion.response->statusCode, 200) << status;
+    EXPECT_EQ(arrivals(), (std::vector<Arrival>{{"POST", path, "block", "Bearer key"}, expected})) << status;
+  }
+
+  // A loop ends after ten redirects; a scheme other than HTTP(S) is not followed.
+  EXPECT_EQ(send(*transport_, url("/redirect/302")).errorCode(), -1007);
+  EXPECT_EQ(arrivals().size(), 11u);
+  EXPECT_EQ(send(*transport_, url("/redirect/308?to=ftp://127.0.0.1/x")).errorCode(), -1002);
+
+  // The api key stays with the host it was meant for.
+  LoopbackSocket elsewhere(true);
+  auto wire = serveOnce(elsewhere, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n", false);
+  const Headers headers = {{"Authorization", "Bearer key"}, {"X-Client-Platform", "ios"}};
+  EXPECT_TRUE(
+      send(*transport_, url("/redirect/308?to=" + elsewhere.url), "POST", "block", headers).await().response);
+  ASSERT_EQ(wire.wait_for(kPatience), std::future_status::ready);
+  const auto request = wire.get();
+  EXPECT_TRUE(request.starts_with("POST /track HTTP/1.1\r\n")) << request;
+  EXPECT_NE(request.find("\r\nX-Client-Platform: ios\r\n"), std::string::npos) << request;
+  EXPECT_EQ(request.find("Authorization"), std::string::npos) << request;
+  EXPECT_TRUE(request.ends_with("\r\n\r\nblock")) << request;
 }
 
 }  // namespace

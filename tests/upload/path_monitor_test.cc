@@ -83,32 +83,75 @@ TEST(ManualPathMonitor, NoUpdateRunsOnceCancelHasReturned) {
   EXPECT_FALSE(lateUpdate.load());
 }
 
-TEST(RoutedPathStatus, NeedsADefaultRouteThroughAnInterfaceUpAndRunning) {
-  const NetworkInterface loopback{.index = 1, .flags = IFF_UP | IFF_RUNNING | IFF_LOOPBACK};
+TEST(NetworkPathStatus, NeedsADefaultRouteOrAnAddressOnAWorkingInterfaceUnlessTheCollectorIsLocal) {
+  const NetworkInterface loopback{
+      .index = 1, .flags = IFF_UP | IFF_RUNNING | IFF_LOOPBACK, .hasRoutableAddress = true};
   const NetworkInterface ethernet{.index = 2, .flags = IFF_UP | IFF_RUNNING | IFF_BROADCAST};
   const NetworkInterface noCarrier{.index = 3, .flags = IFF_UP};
   const NetworkInterface down{.index = 4, .flags = IFF_RUNNING};
-  const std::tuple<const char*, std::vector<NetworkInterface>, std::vector<DefaultRoute>, PathStatus>
+  auto addressed = [](NetworkInterface interface) {
+    interface.hasRoutableAddress = true;
+    return interface;
+  };
+  const std::tuple<const char*, std::vector<NetworkInterface>, std::vector<DefaultRoute>, bool, PathStatus>
       cases[] = {
-          {"nothing at all", {}, {}, PathStatus::unsatisfied},
-          {"through a working interface", {loopback, ethernet}, {{{2}}}, PathStatus::satisfied},
-          {"working interface, no default route", {loopback, ethernet}, {}, PathStatus::unsatisfied},
-          {"through an interface without carrier", {ethernet, noCarrier}, {{{3}}}, PathStatus::unsatisfied},
-          {"through an interface that is down", {ethernet, down}, {{{4}}}, PathStatus::unsatisfied},
-          {"through the loopback", {loopback, ethernet}, {{{1}}}, PathStatus::unsatisfied},
-          {"through an interface that is gone", {ethernet}, {{{9}}}, PathStatus::unsatisfied},
-          {"one of two routes works", {ethernet, down}, {{{4}}, {{2}}}, PathStatus::satisfied},
-          {"multipath with one working hop", {ethernet, down}, {{{4, 2}}}, PathStatus::satisfied},
-          {"naming no interface, one works", {loopback, ethernet}, {{}}, PathStatus::satisfied},
-          {"naming no interface, only the loopback works", {loopback, down}, {{}}, PathStatus::unsatisfied},
+          {"nothing at all", {}, {}, false, PathStatus::unsatisfied},
+          {"through a working interface", {loopback, ethernet}, {{{2}}}, false, PathStatus::satisfied},
+          {"working interface, link-local only", {loopback, ethernet}, {}, false, PathStatus::unsatisfied},
+          {"through an interface without carrier",
+           {ethernet, noCarrier},
+           {{{3}}},
+           false,
+           PathStatus::unsatisfied},
+          {"through an interface that is down", {ethernet, down}, {{{4}}}, false, PathStatus::unsatisfied},
+          {"through the loopback", {loopback, ethernet}, {{{1}}}, false, PathStatus::unsatisfied},
+          {"through an interface that is gone", {ethernet}, {{{9}}}, false, PathStatus::unsatisfied},
+          {"one of two routes works", {ethernet, down}, {{{4}}, {{2}}}, false, PathStatus::satisfied},
+          {"multipath with one working hop", {ethernet, down}, {{{4, 2}}}, false, PathStatus::satisfied},
+          {"naming no interface, one works", {loopback, ethernet}, {{}}, false, PathStatus::satisfied},
+          {"naming no interface, only the loopback works",
+           {loopback, down},
+           {{}},
+           false,
+           PathStatus::unsatisfied},
+          // A local network without a gateway still reaches a collector on it.
+          {"no default route, an address on the LAN",
+           {loopback, addressed(ethernet)},
+           {},
+           false,
+           PathStatus::satisfied},
+          {"an address on an interface without carrier",
+           {loopback, addressed(noCarrier)},
+           {},
+           false,
+           PathStatus::unsatisfied},
+          {"an address on an interface that is down",
+           {loopback, addressed(down)},
+           {},
+           false,
+           PathStatus::unsatisfied},
+          // A collector on this host needs no network at all.
+          {"only the loopback, collector on it", {loopback}, {}, true, PathStatus::satisfied},
+          {"nothing at all, collector on the loopback", {}, {}, true, PathStatus::satisfied},
       };
-  for (const auto& [name, interfaces, routes, expected] : cases) {
-    EXPECT_EQ(routedPathStatus(interfaces, routes), expected) << name;
+  for (const auto& [name, interfaces, routes, collectorOnLoopback, expected] : cases) {
+    EXPECT_EQ(networkPathStatus(interfaces, routes, collectorOnLoopback), expected) << name;
   }
 }
 
-std::unique_ptr<NetlinkPathMonitor> makeNetlinkMonitor() {
-  auto monitor = NetlinkPathMonitor::create();
+TEST(IsLoopbackHost, KnowsTheLoopbackByNameAndAddress) {
+  for (const char* host : {"localhost", "LocalHost", "localhost.", "127.0.0.1", "127.1.2.3", "::1", "[::1]",
+                           "0:0:0:0:0:0:0:1", "::ffff:127.0.0.1"}) {
+    EXPECT_TRUE(isLoopbackHost(host)) << host;
+  }
+  for (const char* host : {"", "collector.example", "127.example", "localhost.example", "128.0.0.1",
+                           "10.0.0.7", "::2", "[fe80::1]", "::ffff:10.0.0.1"}) {
+    EXPECT_FALSE(isLoopbackHost(host)) << host;
+  }
+}
+
+std::unique_ptr<NetlinkPathMonitor> makeNetlinkMonitor(std::string_view collectorHost = {}) {
+  auto monitor = NetlinkPathMonitor::create(collectorHost);
   EXPECT_TRUE(monitor.has_value()) << monitor.error().message();
   return monitor ? std::move(*monitor) : nullptr;
 }
@@ -132,6 +175,19 @@ TEST(NetlinkPathMonitor, StartReportsThisMachinesStatusOnItsOwnThread) {
   const int afterCancel = updates.load();
   monitor.reset();
   EXPECT_EQ(updates.load(), afterCancel);
+}
+
+TEST(NetlinkPathMonitor, ACollectorOnThisHostIsAlwaysReachable) {
+  auto monitor = makeNetlinkMonitor("[::1]");
+  ASSERT_TRUE(monitor);
+  std::promise<PathStatus> first;
+  std::atomic<int> updates{0};
+  monitor->start([&](PathStatus status) {
+    if (updates++ == 0) first.set_value(status);
+  });
+  auto delivered = first.get_future();
+  ASSERT_EQ(delivered.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(delivered.get(), PathStatus::satisfied);
 }
 
 TEST(NetlinkPathMonitor, MayBeDestroyedFromInsideItsOwnUpdate) {
