@@ -17,6 +17,7 @@
 #include "upload/curl_transport.h"
 #include "upload/path_monitor.h"
 #include "upload/upload_client.h"
+#include "upload/url.h"
 #include "webview/web_view_handler.h"
 
 namespace verdalune::sessionreplay {
@@ -123,7 +124,10 @@ std::shared_ptr<SessionReplay> SessionReplay::make(std::string apiKey, std::opti
   }
   std::shared_ptr<platform::PathMonitor> pathMonitor = platform->makePathMonitor();
   if (!pathMonitor) {
-    if (auto netlink = NetlinkPathMonitor::create()) {
+    // A collector on this host is reachable whatever the network does.
+    const auto endpoint = UrlComponents::parse(serverUrl);
+    if (auto netlink =
+            NetlinkPathMonitor::create(endpoint && endpoint->host ? *endpoint->host : std::string())) {
       pathMonitor = std::move(*netlink);
     } else {
       // Without a way to watch the network, uploads are tried as if it were always there.
