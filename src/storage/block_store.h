@@ -26,7 +26,7 @@ enum class StorageError {
   notFound = 1,      // no block with that identity
   deallocated,       // the store behind an output stream is gone
   unreadableName,    // a block file whose name is not "<device>_<session>_<sequence>.replay"
-  invalidFolderName  // an API key that cannot name a folder ("", ".", "..", or one with '/')
+  invalidFolderName  // an API key that cannot name a folder (the empty one)
 };
 
 [[nodiscard]] const std::error_category& storageCategory();

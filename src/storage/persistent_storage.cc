@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <optional>
 
 #include "support/files.h"
 
@@ -24,6 +25,53 @@ bool parseInteger(std::string_view text, std::int64_t& value) {
   if (text.empty()) return false;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   return error == std::errc{} && end == text.data() + text.size();
+}
+
+// Names on disk hold these bytes as they are and every other byte as "%XX" (upper-case hex), so that a
+// device id or API key can never reach another folder ('/', ".."), fail to name a file, or read back as
+// something else. '_' stays as it is: a block name is split at its last two underscores, and the numbers
+// after them hold none.
+bool isSafe(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+         c == '_' || c == '~';
+}
+
+std::string encodeName(std::string_view text) {
+  constexpr std::string_view kHex = "0123456789ABCDEF";
+  std::string encoded;
+  for (const char c : text) {
+    if (isSafe(c)) {
+      encoded.push_back(c);
+    } else {
+      const auto byte = static_cast<unsigned char>(c);
+      encoded += {'%', kHex[byte >> 4], kHex[byte & 0xF]};
+    }
+  }
+  return encoded;
+}
+
+std::optional<std::string> decodeName(std::string_view text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      decoded.push_back(text[i]);
+      continue;
+    }
+    unsigned value = 0;
+    if (i + 2 >= text.size()) return std::nullopt;
+    const auto [end, error] = std::from_chars(text.data() + i + 1, text.data() + i + 3, value, 16);
+    if (error != std::errc{} || end != text.data() + i + 3) return std::nullopt;
+    decoded.push_back(static_cast<char>(value));
+    i += 2;
+  }
+  return decoded;
+}
+
+// The folder of an API key: its encoded form, with "." and ".." spelled out so that they name a folder.
+std::string folderName(std::string_view apiKey) {
+  std::string name = encodeName(apiKey);
+  if (name == "." || name == "..") name = name == "." ? "%2E" : "%2E%2E";
+  return name;
 }
 
 bool isPlainFolderName(std::string_view name) {
@@ -48,7 +96,11 @@ StorageResult<BlockIdentity> parseBlockFileName(std::string_view fileName) {
   if (middle == std::string_view::npos || middle == 0) return unreadable;
 
   BlockIdentity identity;
-  identity.deviceId = std::string(stem.substr(0, middle));
+  // A name is read as encoded only when it is exactly how its decoded device id is written; any other
+  // name is one from before device ids were encoded, whose id is the name as it stands.
+  const std::string_view device = stem.substr(0, middle);
+  const auto decoded = decodeName(device);
+  identity.deviceId = decoded && encodeName(*decoded) == device ? *decoded : std::string(device);
   if (!parseInteger(stem.substr(middle + 1, last - middle - 1), identity.sessionId) ||
       !parseInteger(stem.substr(last + 1), identity.sequenceNumber)) {
     return unreadable;
@@ -57,15 +109,24 @@ StorageResult<BlockIdentity> parseBlockFileName(std::string_view fileName) {
 }
 
 std::string blockFileName(const BlockIdentity& identity) {
-  return identity.deviceId + "_" + std::to_string(identity.sessionId) + "_" +
+  return encodeName(identity.deviceId) + "_" + std::to_string(identity.sessionId) + "_" +
          std::to_string(identity.sequenceNumber) + std::string(kExtension);
 }
 
 PersistentStorage::PersistentStorage(std::string apiKey, std::filesystem::path applicationSupportDirectory)
-    : apiKey_(std::move(apiKey)), folder_(std::move(applicationSupportDirectory) / kFolderName / apiKey_) {}
+    : apiKey_(std::move(apiKey)), folder_(applicationSupportDirectory / kFolderName / folderName(apiKey_)) {
+  // Before API keys were encoded, a key that named a folder as it stood was used as it stood: its blocks
+  // stay where they are.
+  const auto unencoded = applicationSupportDirectory / kFolderName / apiKey_;
+  std::error_code error;
+  if (isPlainFolderName(apiKey_) && unencoded != folder_ && std::filesystem::is_directory(unencoded, error) &&
+      !std::filesystem::exists(folder_, error)) {
+    folder_ = unencoded;
+  }
+}
 
 StorageResult<void> PersistentStorage::createFolder() const {
-  if (!isPlainFolderName(apiKey_)) return std::unexpected(make_error_code(StorageError::invalidFolderName));
+  if (apiKey_.empty()) return std::unexpected(make_error_code(StorageError::invalidFolderName));
   // Application support may itself be missing on a fresh install.
   std::error_code error;
   std::filesystem::create_directories(folder_.parent_path().parent_path(), error);

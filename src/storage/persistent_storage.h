@@ -10,7 +10,9 @@ namespace verdalune::sessionreplay {
 
 // Blocks as files: "<deviceId>_<sessionId>_<sequenceNumber>.replay" in
 // <application support>/com.verdalune.sessionreplay/<apiKey>/. Folders are created 0700 and files
-// 0600, since recordings are the user's data.
+// 0600, since recordings are the user's data. The device id and API key are percent-encoded in these
+// names (every byte outside A-Z a-z 0-9 - . _ ~ becomes "%XX"), so that any id names a file of its own
+// inside the key's folder; names written before that still read back as they did.
 //
 // Records are appended with one write each and the file is synced when its stream closes, so a
 // process that dies mid-block leaves every completed record on disk and at most one torn record at
@@ -64,7 +66,8 @@ class PersistentStorage {
 static_assert(BlockStore<PersistentStorage>);
 
 // The identity in a block file name, or StorageError::unreadableName. The device id is everything
-// before the last two underscores, so device ids that hold underscores survive.
+// before the last two underscores, so device ids that hold underscores survive, and is decoded when the
+// name is the encoded form blockFileName writes.
 [[nodiscard]] StorageResult<BlockIdentity> parseBlockFileName(std::string_view fileName);
 [[nodiscard]] std::string blockFileName(const BlockIdentity& identity);
 

@@ -30,7 +30,28 @@ class StorageCoordinatorProtocol {
   virtual void flush() = 0;
 };
 
-enum class StorageCoordinatorError { couldNotPackEvent };
+enum class StorageCoordinatorError { couldNotPackEvent = 1 };
+
+namespace detail {
+class StorageCoordinatorCategory final : public std::error_category {
+ public:
+  const char* name() const noexcept override { return "verdalune.storage-coordinator"; }
+  std::string message(int value) const override {
+    if (static_cast<StorageCoordinatorError>(value) == StorageCoordinatorError::couldNotPackEvent) {
+      return "could not pack the event";
+    }
+    return "unknown storage coordinator error";
+  }
+};
+}  // namespace detail
+
+[[nodiscard]] inline const std::error_category& storageCoordinatorCategory() {
+  static const detail::StorageCoordinatorCategory category;
+  return category;
+}
+[[nodiscard]] inline std::error_code make_error_code(StorageCoordinatorError error) {
+  return {static_cast<int>(error), storageCoordinatorCategory()};
+}
 
 // Packs events into numbered blocks of a block store and hands each closed block to the uploader,
 // removing it once it is delivered. A block closes when the next record would take it past
@@ -54,7 +75,8 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   static constexpr std::chrono::milliseconds kBlockLifetime{60'000};
   // What the blocks waiting for the collector may take on disk. Past it, whole sessions are dropped,
   // oldest session id first (session ids are start times), so a device that stays offline keeps its most
-  // recent recordings rather than filling its disk.
+  // recent recordings rather than filling its disk. A session is never cut short (its tail could not be
+  // replayed without its first block), and the one being recorded is never dropped.
   static constexpr std::uint64_t kMaxStoredBytes = 64'000'000;
 
   [[nodiscard]] static std::shared_ptr<StorageCoordinator> make(
@@ -111,8 +133,7 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     const auto packed = packer_.pack(event);
     if (!packed) {
       logger_->error("[StorageCoordinator] Unable to pack event");
-      return std::unexpected(std::error_code(static_cast<int>(StorageCoordinatorError::couldNotPackEvent),
-                                             std::generic_category()));
+      return std::unexpected(make_error_code(StorageCoordinatorError::couldNotPackEvent));
     }
     record_.assign(*packed);
     record_.push_back('\n');
@@ -125,7 +146,9 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
         blockState_.setCurrentSessionId(sessionId);
         blockState_.clearSequenceNumber();
       }
-      if (auto closed = closeActiveStream(true); !closed) return closed;
+      // A block that fails to close is let go all the same (closeActiveStream says why), so this event
+      // still starts a block of its own.
+      (void)closeActiveStream(true);
       if (auto opened = openBlock(deviceId, sessionId); !opened) return opened;
     }
 
@@ -141,8 +164,15 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   }
 
   StorageResult<void> openBlock(const std::string& deviceId, std::int64_t sessionId) {
-    keepWithinLimit(deviceId, sessionId);
-    const BlockIdentity identity{deviceId, sessionId, blockState_.nextSequenceNumber()};
+    const std::set<BlockIdentity> taken = keepWithinLimit(deviceId, sessionId);
+    // Numbering restarts at 1 whenever the device or session changes, so a recording that comes back
+    // (A, B, A again) would reuse a name still stored or on its way to the collector, and that upload's
+    // removal would take the new events with it: such numbers are passed over.
+    BlockIdentity identity{deviceId, sessionId, blockState_.nextSequenceNumber()};
+    while (taken.contains(identity) || inFlight_.contains(identity) ||
+           awaitingCollector_.contains(identity) || refused_.contains(identity)) {
+      identity.sequenceNumber = blockState_.nextSequenceNumber();
+    }
     auto block = storage_->create(identity);
     auto stream = block ? storage_->openOutputStream(*block) : std::unexpected(block.error());
     if (!stream) {
@@ -158,12 +188,14 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     return {};
   }
 
+  // A stream that fails to close is let go too: writing on would go to a dead stream. What reached the
+  // block before is kept, and uploaded as any closed block is.
   StorageResult<void> closeActiveStream(bool upload) {
     if (!activeBlock_ || !activeStream_) return {};
-    if (auto closed = activeStream_->close(); !closed) {
+    StorageResult<void> closed = activeStream_->close();
+    if (!closed) {
       logger_->error("[StorageCoordinator] Could not close active output stream: " +
                      closed.error().message());
-      return closed;
     }
     if (timedFlush_) timedFlush_->cancel();
     timedFlush_.reset();
@@ -172,15 +204,19 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     activeStream_.reset();
     activeBytes_ = 0;
     if (upload) uploadBlock(block);
-    return {};
+    return closed;
   }
 
-  // Drops the oldest sessions' closed blocks while what is stored exceeds the limit; the recording going on
-  // now is dropped last. A dropped block may still be waiting in the uploader (it holds blocks while the
-  // network is gone): reading it then fails and the upload ends as a failure, and nothing is sent twice.
-  void keepWithinLimit(const std::string& deviceId, std::int64_t sessionId) {
+  // Drops whole sessions, oldest session id first, while what is stored exceeds the limit, and returns
+  // the identities of the blocks left. A session's blocks go from the last to the first, so one whose
+  // removal fails halfway still begins with its first block (its Meta and full snapshot) and can be
+  // replayed. The recording going on now is never dropped, even when it alone passes the limit.
+  // A dropped block may still be waiting in the uploader (it holds blocks while the network is gone):
+  // reading it then fails and the upload ends as a failure, and nothing is sent twice.
+  std::set<BlockIdentity> keepWithinLimit(const std::string& deviceId, std::int64_t sessionId) {
+    std::set<BlockIdentity> kept;
     auto blocks = storage_->blocks();
-    if (!blocks) return;
+    if (!blocks) return kept;
     struct Stored {
       BlockIdentity identity;
       Block block;
@@ -190,44 +226,46 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     std::uint64_t total = 0;
     for (auto& block : *blocks) {
       auto identity = storage_->identity(block);
+      if (!identity) continue;
+      kept.insert(*identity);
       auto bytes = storage_->size(block);
-      if (!identity || !bytes) continue;
+      if (!bytes) continue;
       total += *bytes;
+      if (identity->deviceId == deviceId && identity->sessionId == sessionId) continue;
       stored.push_back({std::move(*identity), std::move(block), *bytes});
     }
-    if (total <= maxStoredBytes_) return;
-    const auto current = [&](const BlockIdentity& identity) {
-      return identity.deviceId == deviceId && identity.sessionId == sessionId;
-    };
-    std::ranges::sort(stored, [&](const Stored& a, const Stored& b) {
-      if (current(a.identity) != current(b.identity)) return current(b.identity);
-      return std::tie(a.identity.sessionId, a.identity.deviceId, a.identity.sequenceNumber) <
-             std::tie(b.identity.sessionId, b.identity.deviceId, b.identity.sequenceNumber);
+    if (total <= maxStoredBytes_) return kept;
+    // Oldest session first; within a session, last block first.
+    std::ranges::sort(stored, [](const Stored& a, const Stored& b) {
+      return std::tie(a.identity.sessionId, a.identity.deviceId, b.identity.sequenceNumber) <
+             std::tie(b.identity.sessionId, b.identity.deviceId, a.identity.sequenceNumber);
     });
     for (std::size_t i = 0; i < stored.size() && total > maxStoredBytes_;) {
-      const BlockIdentity& session = stored[i].identity;
+      const BlockIdentity session = stored[i].identity;
+      const auto sameSession = [&](std::size_t k) {
+        return k < stored.size() && stored[k].identity.deviceId == session.deviceId &&
+               stored[k].identity.sessionId == session.sessionId;
+      };
       std::size_t dropped = 0;
       std::uint64_t droppedBytes = 0;
-      for (; i < stored.size() && stored[i].identity.deviceId == session.deviceId &&
-             stored[i].identity.sessionId == session.sessionId && total > maxStoredBytes_;
-           ++i) {
-        if (!storage_->remove(stored[i].block)) continue;
+      for (; sameSession(i); ++i) {
+        if (!storage_->remove(stored[i].block)) break;
+        kept.erase(stored[i].identity);
         awaitingCollector_.erase(stored[i].identity);
+        refused_.erase(stored[i].identity);
         total -= stored[i].bytes;
         droppedBytes += stored[i].bytes;
         ++dropped;
       }
+      while (sameSession(i)) ++i;
       if (dropped > 0) {
         logger_->error("[StorageCoordinator] Stored blocks exceed " + std::to_string(maxStoredBytes_) +
                        " bytes: dropped " + std::to_string(droppedBytes) + " bytes in " +
                        std::to_string(dropped) + (dropped == 1 ? " block" : " blocks") + " of session " +
                        session.deviceId + "/" + std::to_string(session.sessionId));
       }
-      while (i < stored.size() && stored[i].identity.deviceId == session.deviceId &&
-             stored[i].identity.sessionId == session.sessionId) {
-        ++i;
-      }
     }
+    return kept;
   }
 
   void offerStoredBlocks() {
@@ -244,6 +282,7 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
         uploadBlock(block);  // removes it, with the log line
         continue;
       }
+      if (refused_.contains(*identity)) continue;
       ordered.emplace_back(std::move(*identity), std::move(block));
     }
     std::ranges::sort(ordered, [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -290,7 +329,11 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     inFlight_.erase(identity);
     if (failure) {
       logger_->error("[StorageCoordinator] Failed to upload block " + name + ": " + describe(*failure));
-      if (worthSendingAgain(*failure)) awaitingCollector_.emplace(identity, block);
+      if (worthSendingAgain(*failure)) {
+        awaitingCollector_.emplace(identity, block);
+      } else {
+        refused_.insert(identity);
+      }
       return;
     }
     logger_->log("[StorageCoordinator] Successfully uploaded block " + name);
@@ -333,6 +376,10 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   std::shared_ptr<DelayedWork> timedFlush_;
   std::set<BlockIdentity> inFlight_;
   std::map<BlockIdentity, Block> awaitingCollector_;  // failed, to go with the next delivered block
+  std::set<BlockIdentity> refused_;                   // refused by the collector, kept until the next start
 };
 
 }  // namespace verdalune::sessionreplay
+
+template <>
+struct std::is_error_code_enum<verdalune::sessionreplay::StorageCoordinatorError> : std::true_type {};

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -87,12 +88,40 @@ TEST_F(PersistentStorageTest, ListsEveryFileAndRemovesThem) {
   EXPECT_EQ(storage.read(blocks[0]).error(), std::errc::no_such_file_or_directory);
 }
 
-TEST_F(PersistentStorageTest, AnApiKeyThatIsNotAPlainNameCreatesNothing) {
-  for (const char* key : {"", ".", "..", "../escape", "a/b"}) {
+TEST_F(PersistentStorageTest, AnyDeviceIdOrApiKeyNamesABlockInsideTheKeysFolderAndReadsBack) {
+  const fs::path library = root_ / "com.verdalune.sessionreplay";
+  const char* keys[] = {"key", ".", "..", "../escape", "a/b"};
+  const char* devices[] = {"../../x", "user/42", "..", ".", "a_b_1", "two words", "gr\xc3\xbc\xc3\x9f",
+                           "50%",     "a%41"};
+  for (const char* key : keys) {
     PersistentStorage storage(key, root_);
-    EXPECT_EQ(storage.create({"d", 1, 1}).error(), make_error_code(StorageError::invalidFolderName)) << key;
+    EXPECT_EQ(storage.folder().parent_path(), library) << key;
+    for (std::int64_t sequence = 1; const char* device : devices) {
+      const auto block = storage.create({device, -3, sequence++});
+      ASSERT_TRUE(block.has_value()) << key << " " << device;
+      ASSERT_TRUE(storage.openOutputStream(*block).value().close().has_value()) << key << " " << device;
+    }
+    std::vector<BlockIdentity> listed;
+    const auto blocks = storage.blocks().value();
+    for (const auto& block : blocks) listed.push_back(storage.identity(block).value());
+    std::ranges::sort(listed, {}, &BlockIdentity::sequenceNumber);
+    ASSERT_EQ(listed.size(), std::size(devices)) << key;
+    for (std::size_t i = 0; i < listed.size(); ++i) {
+      EXPECT_EQ(listed[i], (BlockIdentity{devices[i], -3, static_cast<std::int64_t>(i) + 1}));
+    }
   }
-  EXPECT_FALSE(fs::exists(root_ / "escape"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(library), fs::directory_iterator()), std::ssize(keys));
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(root_), fs::recursive_directory_iterator()),
+            1 + std::ssize(keys) * (1 + std::ssize(devices)))
+      << "nothing outside the keys' folders";
+  EXPECT_EQ(PersistentStorage("", root_).create({"d", 1, 1}).error(),
+            make_error_code(StorageError::invalidFolderName));
+}
+
+TEST_F(PersistentStorageTest, AKeysFolderFromBeforeNamesWereEncodedIsStillUsed) {
+  fs::create_directories(root_ / "com.verdalune.sessionreplay" / "k+y=");
+  std::ofstream(root_ / "com.verdalune.sessionreplay" / "k+y=" / "d_1_1.replay") << "\"a\"\n";
+  EXPECT_EQ(PersistentStorage("k+y=", root_).blocks().value().size(), 1u);
 }
 
 TEST(BlockFileNames, ParseBackToTheirIdentityAndNothingElseParses) {
@@ -103,6 +132,12 @@ TEST(BlockFileNames, ParseBackToTheirIdentityAndNothingElseParses) {
   };
   for (const auto& identity : identities) {
     EXPECT_EQ(parseBlockFileName(blockFileName(identity)).value(), identity) << blockFileName(identity);
+  }
+  EXPECT_EQ(blockFileName({"../u/42", 1, 2}), "..%2Fu%2F42_1_2.replay");
+  // Names from before device ids were encoded read as they always did.
+  for (const char* device : {"device_with_underscores", "two words", "a%41", "100%", "caf\xc3\xa9"}) {
+    const std::string name = std::string(device) + "_1_2.replay";
+    EXPECT_EQ(parseBlockFileName(name).value(), (BlockIdentity{device, 1, 2})) << name;
   }
   // Without three parsable parts a name is unreadable.
   for (const char* name : {"d_1.replay", "d_1_2", "d_1_2.txt", "_1_2.replay", "d_x_2.replay", "d_1_2x.replay",

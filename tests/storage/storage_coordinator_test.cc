@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "common/recording_logger.h"
 #include "rrweb/coding.h"
 #include "storage/in_memory_storage.h"
@@ -38,6 +40,35 @@ class RecordingUploader final : public BlockUploader {
   std::vector<std::function<void()>> restoredHandlers;
 };
 
+// The in-memory store, whose streams fail to close while `failClose` is set, as a sync fails on a full disk.
+struct FaultyStorage {
+  using Block = InMemoryStorage::Block;
+  struct OutputStream {
+    InMemoryStorage::OutputStream stream;
+    std::shared_ptr<bool> failClose;
+    StorageResult<void> write(std::span<const std::uint8_t> bytes) const { return stream.write(bytes); }
+    StorageResult<void> close() const {
+      if (*failClose) return std::unexpected(std::make_error_code(std::errc::io_error));
+      return stream.close();
+    }
+  };
+  auto blocks() const { return memory->blocks(); }
+  auto identity(const Block& block) const { return memory->identity(block); }
+  auto create(const BlockIdentity& identity) const { return memory->create(identity); }
+  StorageResult<OutputStream> openOutputStream(const Block& block) const {
+    auto stream = memory->openOutputStream(block);
+    if (!stream) return std::unexpected(stream.error());
+    return OutputStream{std::move(*stream), failClose};
+  }
+  auto read(const Block& block) const { return memory->read(block); }
+  auto size(const Block& block) const { return memory->size(block); }
+  auto remove(const Block& block) const { return memory->remove(block); }
+  std::string describe(const Block& block) const { return memory->describe(block); }
+
+  std::shared_ptr<InMemoryStorage> memory;
+  std::shared_ptr<bool> failClose = std::make_shared<bool>(false);
+};
+
 rrweb::Event metaEvent(std::int64_t timestamp, std::string href = "https://example.com") {
   return rrweb::MetaEvent{.timestamp = timestamp, .href = std::move(href), .width = 390, .height = 844};
 }
@@ -49,18 +80,19 @@ class StorageCoordinatorTest : public testing::Test {
   // A coordinator over the same store and defaults, as after a restart of the app.
   void start() {
     coordinator_.reset();
-    coordinator_ = StorageCoordinator<InMemoryStorage>::make(storage_, uploader_, logger_,
-                                                             BlockState("key", defaults_), queue_);
+    coordinator_ = StorageCoordinator<FaultyStorage>::make(faulty_, uploader_, logger_,
+                                                           BlockState("key", defaults_), queue_);
     queue_->runUntilIdle();
   }
 
   std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
   std::shared_ptr<ManualQueue> queue_ = std::make_shared<ManualQueue>("storage", clock_);
   std::shared_ptr<InMemoryStorage> storage_ = InMemoryStorage::make();
+  std::shared_ptr<FaultyStorage> faulty_ = std::make_shared<FaultyStorage>(storage_);
   std::shared_ptr<RecordingUploader> uploader_ = std::make_shared<RecordingUploader>();
   std::shared_ptr<RecordingLogger> logger_ = std::make_shared<RecordingLogger>();
   std::shared_ptr<InMemoryDefaultsStore> defaults_ = std::make_shared<InMemoryDefaultsStore>();
-  std::shared_ptr<StorageCoordinator<InMemoryStorage>> coordinator_;
+  std::shared_ptr<StorageCoordinator<FaultyStorage>> coordinator_;
 };
 
 TEST_F(StorageCoordinatorTest, ABlockClosesOnFlushAndIsRemovedOnceDelivered) {
@@ -103,23 +135,83 @@ TEST_F(StorageCoordinatorTest, NumberingRestartsForANewSessionAndSurvivesARestar
                                      }));
 }
 
-TEST_F(StorageCoordinatorTest, ABlockIsNeverInTwoUploadsAtOnce) {
-  coordinator_->write(metaEvent(1), "device", 1);
+TEST_F(StorageCoordinatorTest, FailedBlocksGoAgainWhenTheNetworkReturnsButRefusedOnesWaitForARestart) {
+  // Session i's block fails with failures[i]: the collector could not be reached, or refused the block.
+  const HttpError failures[] = {HttpError::requestFailed, HttpError::payloadTooLarge,
+                                HttpError::invalidRequest};
+  for (std::int64_t session = 0; session < 3; ++session)
+    coordinator_->write(metaEvent(session), "device", session);
   coordinator_->flush();
   queue_->runUntilIdle();
-  coordinator_->uploadStoredBlocks();
-  for (const auto& restored : uploader_->restoredHandlers) restored();
-  queue_->runUntilIdle();
-  ASSERT_EQ(uploader_->uploads.size(), 1u);
+  std::size_t answered = 0;
+  const auto networkReturns = [&] {
+    for (const auto& restored : uploader_->restoredHandlers) restored();
+    queue_->runUntilIdle();
+  };
+  const auto answerAll = [&] {
+    for (; answered < uploader_->uploads.size(); ++answered) {
+      const auto& upload = uploader_->uploads[answered];
+      upload.respond(failures[upload.identity.sessionId]);
+    }
+    queue_->runUntilIdle();
+  };
+  const auto uploadsOf = [&](std::int64_t session) {
+    return std::ranges::count(uploader_->identities(), session, &BlockIdentity::sessionId);
+  };
 
-  uploader_->uploads[0].respond(HttpError::requestFailed);
+  networkReturns();
+  EXPECT_EQ(uploader_->uploads.size(), 3u) << "a block is never in two uploads at once";
+  answerAll();
+  EXPECT_EQ(logger_->errors()[0], "[StorageCoordinator] Failed to upload block device/0/1: requestFailed");
+  EXPECT_EQ(storage_->events().size(), 3u) << "failed blocks stay";
+  for (int i = 0; i < 2; ++i) {
+    networkReturns();
+    answerAll();
+  }
+  EXPECT_EQ(std::vector({uploadsOf(0), uploadsOf(1), uploadsOf(2)}), std::vector<std::ptrdiff_t>({3, 1, 1}));
+  start();
+  EXPECT_EQ(std::vector({uploadsOf(0), uploadsOf(1), uploadsOf(2)}), std::vector<std::ptrdiff_t>({4, 2, 2}));
+}
+
+TEST_F(StorageCoordinatorTest, ASessionThatComesBackWhileItsBlockIsUploadingGoesOnInANewBlock) {
+  coordinator_->write(metaEvent(1), "a", 1);
+  coordinator_->write(metaEvent(2), "b", 1);  // block 1 of a goes to the uploader
+  coordinator_->write(metaEvent(3), "a", 1);
+  coordinator_->flush();
   queue_->runUntilIdle();
-  EXPECT_EQ(logger_->errors().back(),
-            "[StorageCoordinator] Failed to upload block device/1/1: requestFailed");
-  ASSERT_EQ(storage_->events().size(), 1u) << "a failed block stays";
-  for (const auto& restored : uploader_->restoredHandlers) restored();
+  EXPECT_EQ(uploader_->identities(), (std::vector<BlockIdentity>{{"a", 1, 1}, {"b", 1, 1}, {"a", 1, 2}}));
+  uploader_->uploads[0].respond(std::nullopt);
   queue_->runUntilIdle();
-  EXPECT_EQ(uploader_->uploads.size(), 2u) << "and is offered again when the network returns";
+  EXPECT_EQ(packedEventsFromBlock(storage_->read({"a", 1, 2}).value_or("")).size(), 1u)
+      << "delivering block 1 took nothing newer with it";
+}
+
+TEST_F(StorageCoordinatorTest, AfterAFailedCloseTheNextEventOpensANewBlockAndTheOldOneIsKept) {
+  coordinator_->write(metaEvent(1), "device", 1);
+  queue_->runUntilIdle();
+  *faulty_->failClose = true;
+  coordinator_->write(metaEvent(2), "device", 2);  // closing session 1's block fails
+  queue_->runUntilIdle();
+  *faulty_->failClose = false;
+  coordinator_->write(metaEvent(3), "device", 2);
+  coordinator_->flush();
+  queue_->runUntilIdle();
+
+  EXPECT_EQ(logger_->errors().at(0),
+            "[StorageCoordinator] Could not close active output stream: Input/output error");
+  EXPECT_EQ(uploader_->identities(), (std::vector<BlockIdentity>{{"device", 1, 1}, {"device", 2, 1}}));
+  EXPECT_EQ(packedEventsFromBlock(storage_->read({"device", 1, 1}).value_or("")).size(), 1u);
+  EXPECT_EQ(packedEventsFromBlock(storage_->read({"device", 2, 1}).value_or("")).size(), 2u);
+}
+
+TEST_F(StorageCoordinatorTest, AnEventThatCannotBePackedIsLoggedAndWritesNothing) {
+  coordinator_->write(rrweb::MetaEvent{.timestamp = 1, .width = std::nan("")}, "device", 1);
+  queue_->runUntilIdle();
+  EXPECT_EQ(logger_->errors(), std::vector<std::string>{"[StorageCoordinator] Unable to pack event"});
+  EXPECT_TRUE(storage_->events().empty());
+  const std::error_code error = make_error_code(StorageCoordinatorError::couldNotPackEvent);
+  EXPECT_NE(error.value(), 0);
+  EXPECT_EQ(error.message(), "could not pack the event");
 }
 
 TEST_F(StorageCoordinatorTest, StoredBlocksAreOfferedInOrderAndUnreadableOnesRemoved) {
