@@ -27,8 +27,9 @@ void BlockState::setCurrentSessionId(std::int64_t sessionId) {
   (void)defaults_->set(sessionIdKey_, sessionId);
 }
 
-std::int64_t BlockState::nextSequenceNumber() {
-  const std::int64_t next = defaults_->integer(sequenceNumberKey_).value_or(0) + 1;
+std::int64_t BlockState::nextSequenceNumber(const std::function<bool(std::int64_t)>& inUse) {
+  std::int64_t next = defaults_->integer(sequenceNumberKey_).value_or(0) + 1;
+  while (inUse && inUse(next)) ++next;
   (void)defaults_->set(sequenceNumberKey_, next);
   return next;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,9 +24,9 @@ class BlockState {
   [[nodiscard]] std::optional<std::int64_t> currentSessionId() const;
   void setCurrentSessionId(std::int64_t sessionId);
 
-  // The stored number plus one (absent counts as 0), stored before it is returned: a session's first
-  // block is number 1.
-  std::int64_t nextSequenceNumber();
+  // The stored number plus one (absent counts as 0), or the first number after it that `inUse` does not
+  // claim, stored before it is returned: a session's first block is number 1.
+  std::int64_t nextSequenceNumber(const std::function<bool(std::int64_t)>& inUse = {});
   // Removes the stored number, so that the next session starts again at 1.
   void clearSequenceNumber();
 

@@ -167,12 +167,16 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
     const std::set<BlockIdentity> taken = keepWithinLimit(deviceId, sessionId);
     // Numbering restarts at 1 whenever the device or session changes, so a recording that comes back
     // (A, B, A again) would reuse a name still stored or on its way to the collector, and that upload's
-    // removal would take the new events with it: such numbers are passed over.
-    BlockIdentity identity{deviceId, sessionId, blockState_.nextSequenceNumber()};
-    while (taken.contains(identity) || inFlight_.contains(identity) ||
-           awaitingCollector_.contains(identity) || refused_.contains(identity)) {
-      identity.sequenceNumber = blockState_.nextSequenceNumber();
-    }
+    // removal would take the new events with it; or one already delivered, which the collector would
+    // take for a block it has. Such numbers are passed over.
+    std::int64_t& lastUsed = lastSequenceNumbers_[{deviceId, sessionId}];
+    BlockIdentity identity{deviceId, sessionId, 0};
+    identity.sequenceNumber = blockState_.nextSequenceNumber([&](std::int64_t number) {
+      identity.sequenceNumber = number;
+      return number <= lastUsed || taken.contains(identity) || inFlight_.contains(identity) ||
+             awaitingCollector_.contains(identity) || refused_.contains(identity);
+    });
+    lastUsed = identity.sequenceNumber;
     auto block = storage_->create(identity);
     auto stream = block ? storage_->openOutputStream(*block) : std::unexpected(block.error());
     if (!stream) {
@@ -375,6 +379,8 @@ class StorageCoordinator final : public StorageCoordinatorProtocol,
   std::size_t activeBytes_ = 0;
   std::shared_ptr<DelayedWork> timedFlush_;
   std::set<BlockIdentity> inFlight_;
+  // The last number each recording used in this process, delivered blocks included.
+  std::map<std::pair<std::string, std::int64_t>, std::int64_t> lastSequenceNumbers_;
   std::map<BlockIdentity, Block> awaitingCollector_;  // failed, to go with the next delivered block
   std::set<BlockIdentity> refused_;                   // refused by the collector, kept until the next start
 };

@@ -184,6 +184,15 @@ TEST_F(StorageCoordinatorTest, ASessionThatComesBackWhileItsBlockIsUploadingGoes
   queue_->runUntilIdle();
   EXPECT_EQ(packedEventsFromBlock(storage_->read({"a", 1, 2}).value_or("")).size(), 1u)
       << "delivering block 1 took nothing newer with it";
+
+  // Once delivered, a number is still used: the collector keeps the first block it gets under a name.
+  for (std::size_t i = 1; i < uploader_->uploads.size(); ++i) uploader_->uploads[i].respond(std::nullopt);
+  coordinator_->write(metaEvent(4), "b", 1);
+  coordinator_->write(metaEvent(5), "a", 1);
+  coordinator_->flush();
+  queue_->runUntilIdle();
+  EXPECT_EQ(uploader_->identities(),
+            (std::vector<BlockIdentity>{{"a", 1, 1}, {"b", 1, 1}, {"a", 1, 2}, {"b", 1, 2}, {"a", 1, 3}}));
 }
 
 TEST_F(StorageCoordinatorTest, AfterAFailedCloseTheNextEventOpensANewBlockAndTheOldOneIsKept) {
