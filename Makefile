@@ -14,21 +14,21 @@ deps:
 	@bash scripts/install-deps.sh
 
 build/release/build.ninja:
-	cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+	cmake -S . -B build/release -G Ninja -DVDL_WARNINGS_AS_ERRORS=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
 
 build: deps build/release/build.ninja
 	ninja -C build/release -j $(JOBS)
 
 build/asan/build.ninja:
-	cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVDL_SANITIZE=address,undefined \
+	cmake -S . -B build/asan -G Ninja -DVDL_WARNINGS_AS_ERRORS=ON -DCMAKE_BUILD_TYPE=Debug -DVDL_SANITIZE=address,undefined \
 	  -DVDL_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 
 build/tsan/build.ninja:
-	cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVDL_SANITIZE=thread \
+	cmake -S . -B build/tsan -G Ninja -DVDL_WARNINGS_AS_ERRORS=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVDL_SANITIZE=thread \
 	  -DVDL_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 
 build/fuzz/build.ninja:
-	cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVDL_FUZZ=ON \
+	cmake -S . -B build/fuzz -G Ninja -DVDL_WARNINGS_AS_ERRORS=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVDL_FUZZ=ON \
 	  -DCMAKE_C_COMPILER=clang-16 -DCMAKE_CXX_COMPILER=clang++-16 $(CMAKE_FLAGS)
 
 unit-test: build

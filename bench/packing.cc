@@ -54,7 +54,10 @@ rrweb::Event styledSnapshot(int count) {
     rrweb::JSONValue::Dictionary attributes{{"style", rrweb::JSONValue(style)}};
     std::vector<rrweb::Node> children;
     if (i % 4 == 0) {
-      attributes["class"] = rrweb::JSONValue("i" + hashName(static_cast<std::uint64_t>(i)));
+      // Appended, not "i" + hashName(...): g++ 12 at -O3 misreads that insert at the front as an overlapping copy.
+      std::string className = "i";
+      className += hashName(static_cast<std::uint64_t>(i));
+      attributes["class"] = rrweb::JSONValue(std::move(className));
     } else {
       std::string label;
       for (int w = 0; w < 4 + i % 5; ++w) label += std::string(kWords[(i * 7 + w * 3) % 15]) + " ";

@@ -191,9 +191,16 @@ void CollectorProcess::injectFaults(const std::vector<Fault>& faults) {
   // The collector refuses status 0, so a fault without a status leaves the member out.
   std::string json = "[";
   for (const auto& fault : faults) {
-    json += (json.size() > 1 ? "," : "") + std::string(R"({"delay_ms":)") + std::to_string(fault.delayMs) +
-            R"(,"drop":)" + (fault.drop ? "true" : "false") +
-            (fault.status ? R"(,"status":)" + std::to_string(fault.status) : "") + "}";
+    if (json.size() > 1) json += ',';
+    json += R"({"delay_ms":)";
+    json += std::to_string(fault.delayMs);
+    json += R"(,"drop":)";
+    json += fault.drop ? "true" : "false";
+    if (fault.status) {
+      json += R"(,"status":)";
+      json += std::to_string(fault.status);
+    }
+    json += '}';
   }
   exchange(port_, "POST", "/_control/faults", json + "]");
 }
