@@ -224,19 +224,25 @@ TEST_F(SessionReplayTest, TheRecordingSwitchesReachBlocksOfEarlierLaunches) {
 
 // The configuration has a lane of its own: while an upload is held open, a fetch still gets through.
 TEST_F(SessionReplayTest, TheConfigurationFetchDoesNotWaitBehindAnUpload) {
-  auto collector = CollectorProcess::start({.configs = {{"test-key", configBody("light", false, 1)}}});
-  collector->injectFaults({{.delayMs = 3000}});
-  storeBlockOfEarlierLaunch();
+  auto collector = CollectorProcess::start({.configs = {{"test-key", configBody("light", true, 1)}}});
   auto replay = make("device", 7, true, nullptr, collector->baseUrl());
-  const auto held = [&](std::string_view path, int status) {
+  const auto answered = [&](std::string_view path, int status) {
     const auto requests = collector->requests();
-    return std::ranges::any_of(requests,
-                               [&](const auto& r) { return r.path.ends_with(path) && r.status == status; });
+    return std::ranges::count_if(requests,
+                                 [&](const auto& r) { return r.path.ends_with(path) && r.status == status; });
   };
-  ASSERT_TRUE(driveUntil(*device->app()->manualQueue(), [&] { return held("/track", 0); }));
+  auto& queue = *device->app()->manualQueue();
+  ASSERT_TRUE(driveUntil(queue, [&] { return answered("/config", 200) == 1; }));  // the fetch of the launch
+
+  collector->injectFaults({{.delayMs = 3000}});
   replay->start();
+  run();
+  device->app()->advance(std::chrono::milliseconds(100));
+  replay->flush();
+  ASSERT_TRUE(driveUntil(queue, [&] { return answered("/track", 0) == 1; }));
+  replay->setSessionId(8);  // asks for the configuration again
   EXPECT_TRUE(driveUntil(
-      *device->app()->manualQueue(), [&] { return held("/config", 200) && held("/track", 0); },
+      queue, [&] { return answered("/config", 200) == 2 && answered("/track", 0) == 1; },
       std::chrono::milliseconds(2500)));
   replay->stop();
   run();
