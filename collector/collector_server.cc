@@ -2,10 +2,12 @@
 
 #include <netdb.h>
 #include <sys/socket.h>
+#include <zlib.h>
 
 #include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <thread>
@@ -40,8 +42,22 @@ void answerText(Response& response, int status, std::string_view line) {
   response.set_content(std::string(line) + "\n", "text/plain");
 }
 
+// Pages run only scripts served from here, never inline ones, so text that got into a page from a
+// device cannot run as script. Styles may be inline (the page's own, and the ones the player writes for
+// a replayed screen) and images may be data: or blob: URLs, which is how replayed screens show.
+constexpr const char* kPagePolicy =
+    "default-src 'none'; script-src 'self'; style-src 'self' 'unsafe-inline'; img-src 'self' data: blob:; "
+    "font-src 'self' data:; connect-src 'self'; frame-src 'self'; base-uri 'none'; form-action 'none'; "
+    "frame-ancestors 'none'";
+// Long enough for a page opened again soon not to ask; short, since the files keep their paths across
+// an npm upgrade. Revalidating with the ETag is cheap either way.
+constexpr const char* kAssetCacheControl = "public, max-age=3600";
+
 void answerHtml(Response& response, int status, std::string html) {
   response.status = status;
+  response.set_header("Content-Security-Policy", kPagePolicy);
+  // Page addresses carry api keys in their query.
+  response.set_header("Referrer-Policy", "no-referrer");
   response.set_content(std::move(html), "text/html; charset=utf-8");
 }
 
@@ -176,7 +192,98 @@ std::string describeSessions(const std::vector<SessionSummary>& sessions) {
   });
 }
 
+// Gzip at the strongest level, which costs once per file rather than once per request.
+std::string gzip(std::string_view text) {
+  z_stream stream{};
+  deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY);
+  std::string packed(deflateBound(&stream, text.size()), '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  stream.avail_in = static_cast<uInt>(text.size());
+  stream.next_out = reinterpret_cast<Bytef*>(packed.data());
+  stream.avail_out = static_cast<uInt>(packed.size());
+  deflate(&stream, Z_FINISH);
+  packed.resize(stream.total_out);
+  deflateEnd(&stream);
+  return packed;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// Whether an Accept-Encoding header takes gzip: named (or "*") without q=0.
+bool acceptsGzip(std::string_view header) {
+  while (!header.empty()) {
+    const auto comma = header.find(',');
+    const std::string_view item = header.substr(0, comma);
+    header = comma == std::string_view::npos ? std::string_view() : header.substr(comma + 1);
+    const auto semicolon = item.find(';');
+    const std::string_view coding = trimmed(item.substr(0, semicolon));
+    if (coding != "gzip" && coding != "x-gzip" && coding != "*") continue;
+    if (semicolon == std::string_view::npos) return true;
+    const std::string_view parameter = trimmed(item.substr(semicolon + 1));
+    if (!parameter.starts_with("q=")) return true;
+    return std::strtod(std::string(parameter.substr(2)).c_str(), nullptr) > 0;
+  }
+  return false;
+}
+
+// Whether If-None-Match names `etag` (weak comparison, which is what it takes), or is "*".
+bool matchesEtag(std::string_view header, std::string_view etag) {
+  const auto opaque = [](std::string_view tag) { return tag.starts_with("W/") ? tag.substr(2) : tag; };
+  while (!header.empty()) {
+    const auto comma = header.find(',');
+    const std::string_view tag = trimmed(header.substr(0, comma));
+    if (tag == "*" || opaque(tag) == opaque(etag)) return true;
+    header = comma == std::string_view::npos ? std::string_view() : header.substr(comma + 1);
+  }
+  return false;
+}
+
 }  // namespace
+
+struct CollectorServer::Asset {
+  std::string identity;
+  std::string gzipped;
+  // Weak: the same for both encodings, which hold the same content.
+  std::string etag;
+  std::filesystem::file_time_type modified;
+  std::uintmax_t size = 0;
+
+  Asset(std::string text, std::filesystem::file_time_type modifiedAt = {})
+      : identity(std::move(text)), gzipped(gzip(identity)), modified(modifiedAt), size(identity.size()) {
+    char tag[48];
+    std::snprintf(
+        tag, sizeof tag, "W/\"%zx-%lx\"", identity.size(),
+        crc32(0, reinterpret_cast<const Bytef*>(identity.data()), static_cast<uInt>(identity.size())));
+    etag = tag;
+  }
+
+  // Answers with the encoding the client takes, or 304 when it holds this version. The body goes out
+  // through a content provider of known length, which the HTTP library sends as is: a plain body of a
+  // text type it would compress again, for every request.
+  void serve(const Request& request, Response& response, const char* contentType,
+             std::shared_ptr<const Asset> self) const {
+    response.set_header("Cache-Control", kAssetCacheControl);
+    response.set_header("ETag", etag);
+    response.set_header("Vary", "Accept-Encoding");
+    if (matchesEtag(request.get_header_value("If-None-Match"), etag)) {
+      response.status = 304;
+      return;
+    }
+    response.status = 200;
+    const bool packed = acceptsGzip(request.get_header_value("Accept-Encoding"));
+    if (packed) response.set_header("Content-Encoding", "gzip");
+    const std::string& body = packed ? gzipped : identity;
+    response.set_content_provider(
+        body.size(), contentType,
+        [self = std::move(self), &body](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+          return sink.write(body.data() + offset, length);
+        });
+  }
+};
 
 CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& database, LogLine log)
     : settings_(std::move(settings)), database_(database), log_(std::move(log)) {
@@ -199,12 +306,19 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
   http_.Get(kSessionPageRoute,
             [this](const Request& request, Response& response) { handleSessionPage(request, response); });
   http_.Get("/", [this](const Request&, Response& response) { handleSessionList(response); });
-  http_.Get(std::string(kPlayerScriptPath), [this](const Request&, Response& response) {
-    handlePlayerAsset(response, "rrweb-player/dist/rrweb-player.umd.cjs", "text/javascript; charset=utf-8");
+  http_.Get(std::string(kPlayerScriptPath), [this](const Request& request, Response& response) {
+    handlePlayerAsset(request, response, "rrweb-player/dist/rrweb-player.umd.cjs",
+                      "text/javascript; charset=utf-8");
   });
-  http_.Get(std::string(kPlayerStylePath), [this](const Request&, Response& response) {
-    handlePlayerAsset(response, "rrweb-player/dist/style.css", "text/css; charset=utf-8");
+  http_.Get(std::string(kPlayerStylePath), [this](const Request& request, Response& response) {
+    handlePlayerAsset(request, response, "rrweb-player/dist/style.css", "text/css; charset=utf-8");
   });
+  sessionScript_ = std::make_shared<const Asset>(std::string(sessionPageScript()));
+  http_.Get(std::string(kSessionScriptPath), [this](const Request& request, Response& response) {
+    sessionScript_->serve(request, response, "text/javascript; charset=utf-8", sessionScript_);
+  });
+  // On every answer, error pages included: browsers take each as the type it says it is.
+  http_.set_default_headers({{"X-Content-Type-Options", "nosniff"}});
 
   http_.Post("/_control/faults",
              local([this](const Request& request, Response& response) { handleFaults(request, response); }));
@@ -429,19 +543,40 @@ void CollectorServer::handleSessionList(Response& response) {
   answerHtml(response, 200, sessionListPage(*sessions));
 }
 
-void CollectorServer::handlePlayerAsset(Response& response, const std::filesystem::path& file,
-                                        const char* contentType) {
-  // Read on every request, so that an npm install while the collector runs needs no restart.
+void CollectorServer::handlePlayerAsset(const Request& request, Response& response,
+                                        const std::filesystem::path& file, const char* contentType) {
+  // The file's time and size are looked at on every request, so that an npm install while the collector
+  // runs needs no restart; it is read and compressed again only when they changed.
   const std::filesystem::path path = settings_.assetsDir / file;
-  auto contents = readWholeFile(path);
-  if (!contents) {
+  std::error_code error;
+  const auto modified = std::filesystem::last_write_time(path, error);
+  const auto size = error ? 0 : std::filesystem::file_size(path, error);
+  std::shared_ptr<const Asset> asset;
+  if (!error) {
+    std::lock_guard lock(assetsMutex_);
+    if (const auto known = assets_.find(file);
+        known != assets_.end() && known->second->modified == modified && known->second->size == size) {
+      asset = known->second;
+    }
+  }
+  if (!asset && !error) {
+    // Compressed outside the lock; two first requests at once both compress, and either result serves.
+    auto contents = readWholeFile(path);
+    if (contents) {
+      asset = std::make_shared<const Asset>(std::move(*contents), modified);
+      std::lock_guard lock(assetsMutex_);
+      assets_[file] = asset;
+    } else {
+      error = contents.error();
+    }
+  }
+  if (!asset) {
     return answerText(response, 404,
-                      "cannot read " + path.string() + " (" + contents.error().message() +
+                      "cannot read " + path.string() + " (" + error.message() +
                           "); install the npm packages (scripts/install-deps.sh) or point --assets at a "
                           "node_modules folder holding rrweb-player");
   }
-  response.status = 200;
-  response.set_content(std::move(*contents), contentType);
+  asset->serve(request, response, contentType, asset);
 }
 
 void CollectorServer::handleFaults(const Request& request, Response& response) {

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -73,8 +74,8 @@ class CollectorServer {
   void handleSessionEvents(const httplib::Request& request, httplib::Response& response);
   void handleSessionPage(const httplib::Request& request, httplib::Response& response);
   void handleSessionList(httplib::Response& response);
-  void handlePlayerAsset(httplib::Response& response, const std::filesystem::path& file,
-                         const char* contentType);
+  void handlePlayerAsset(const httplib::Request& request, httplib::Response& response,
+                         const std::filesystem::path& file, const char* contentType);
   void handleFaults(const httplib::Request& request, httplib::Response& response);
   void handleRequests(httplib::Response& response);
 
@@ -92,6 +93,12 @@ class CollectorServer {
   LogLine log_;
   httplib::Server http_;
   int port_ = 0;
+
+  // The player files as served, each compressed once: by file, with the file's time and size when read.
+  struct Asset;
+  std::mutex assetsMutex_;
+  std::map<std::filesystem::path, std::shared_ptr<const Asset>> assets_;  // guarded by assetsMutex_
+  std::shared_ptr<const Asset> sessionScript_;
 
   std::mutex mutex_;
   std::vector<RecordedRequest> requests_;  // guarded by mutex_

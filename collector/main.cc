@@ -1,5 +1,6 @@
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,6 +25,9 @@ int fail(const std::string& reason, int status = 1) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The database holds screens of people's phones: it, and the journal files SQLite makes beside it, are
+  // for this user only, whoever else can log in to the host.
+  umask(077);
   const auto parsed = collector::parseCommandLine(std::span<const char* const>(argv + 1, argc - 1));
   if (!parsed) return fail(parsed.error() + " (see --help)", 2);
   if (std::holds_alternative<collector::HelpRequested>(*parsed)) {

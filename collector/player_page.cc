@@ -57,9 +57,12 @@ std::string pageStart(std::string_view title, std::string_view head = {}) {
 
 constexpr std::string_view kPageEnd = "</body>\n</html>\n";
 
+}  // namespace
+
 // Sizes the player to the recorded screen's shape within the window, plays nothing until asked, and
 // reports what happened in body[data-state] ("playing" or "failed") for whoever drives the page.
-constexpr std::string_view kPlayerScript = R"(<script>
+std::string_view sessionPageScript() {
+  return R"(
 (async () => {
   const status = document.getElementById('status');
   const target = document.getElementById('player');
@@ -85,10 +88,8 @@ constexpr std::string_view kPlayerScript = R"(<script>
     document.body.dataset.state = 'failed';
   }
 })();
-</script>
 )";
-
-}  // namespace
+}
 
 std::string escapeHtml(std::string_view text) {
   std::string out;
@@ -145,7 +146,7 @@ std::string sessionPage(const SessionSummary& session) {
   page += "<p id=\"status\">Loading the events…</p>\n";
   page += "<div id=\"player\" data-events-url=\"" + escapeHtml(eventsUrl) + "\"></div>\n";
   page += "<script src=\"" + std::string(kPlayerScriptPath) + "\"></script>\n";
-  page += kPlayerScript;
+  page += "<script src=\"" + std::string(kSessionScriptPath) + "\"></script>\n";
   return page + std::string(kPageEnd);
 }
 

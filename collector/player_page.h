@@ -16,6 +16,11 @@ namespace verdalune::sessionreplay::collector {
 // Where the page loads the player from; the server answers these paths from rrweb-player's dist folder.
 inline constexpr std::string_view kPlayerScriptPath = "/player/rrweb-player.js";
 inline constexpr std::string_view kPlayerStylePath = "/player/style.css";
+// The session page's own script, served from here: pages run no inline script.
+inline constexpr std::string_view kSessionScriptPath = "/player/session.js";
+
+// The script at kSessionScriptPath, which plays the events of the page's #player[data-events-url].
+[[nodiscard]] std::string_view sessionPageScript();
 
 [[nodiscard]] std::string escapeHtml(std::string_view text);
 

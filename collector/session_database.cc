@@ -109,8 +109,10 @@ std::expected<std::unique_ptr<SessionDatabase>, std::string> SessionDatabase::op
     return std::unexpected(path.string() + ": " + message);
   }
   std::unique_ptr<SessionDatabase> database(new SessionDatabase(connection));
-  // Write-ahead logging lets the session listing read while a block is being stored.
-  if (auto ready = database->execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"); !ready)
+  // Write-ahead logging lets the session listing read while a block is being stored. A stored block is
+  // acknowledged to the device, which then deletes its copy, so every commit is synced before the answer
+  // goes out (FULL): NORMAL could lose the last acknowledged blocks on a power loss, with no copy left.
+  if (auto ready = database->execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"); !ready)
     return std::unexpected(path.string() + ": " + ready.error());
   if (auto ready = database->execute(kSchema); !ready)
     return std::unexpected(path.string() + ": " + ready.error());

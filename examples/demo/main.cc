@@ -12,6 +12,7 @@
 #include <rapidjson/document.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -914,6 +915,10 @@ bool writeReceived(const std::filesystem::path& out, const Collector& collector,
   std::error_code error;
   std::filesystem::remove_all(out / "uploads", error);
   std::filesystem::create_directories(out / "uploads", error);
+  // A folder that was there already keeps its mode unless told.
+  for (const auto& folder : {out, out / "uploads"}) {
+    if (!error) std::filesystem::permissions(folder, std::filesystem::perms::owner_all, error);
+  }
   if (error) {
     std::fprintf(stderr, "vdl-demo: cannot make %s: %s\n", (out / "uploads").c_str(),
                  error.message().c_str());
@@ -957,6 +962,9 @@ void waitForInterrupt() {
 int main(int argc, char** argv) {
   const auto arguments = parseArguments(argc, argv);
   if (!arguments) return 2;
+  // Everything the demo writes (the recorded screens, the collector's database and log, --out) is for
+  // this user only.
+  umask(077);
 
   // Ctrl-C is taken when the demo asks for it, never in the middle of a change: held back here, before
   // any thread starts, so every thread holds it back too.

@@ -63,6 +63,8 @@ class CollectorProcess {
   CollectorProcess& operator=(const CollectorProcess&) = delete;
 
   int port() const { return port_; }
+  // The temporary folder of the collector's database (sessions.sqlite3) and log.
+  const std::filesystem::path& folder() const { return folder_; }
   std::string baseUrl() const;    // "http://127.0.0.1:PORT"
   std::string trackUrl() const;   // baseUrl() + "/sessions/v2/track"
   std::string configUrl() const;  // baseUrl() + "/config"

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <sys/stat.h>
 #include <zlib.h>
 
 #include <string>
@@ -306,6 +307,80 @@ TEST_F(CollectorTest, ServesThePlayerFilesAndAnswersUnknownSessionsWithNotFound)
     ASSERT_TRUE(missing) << path;
     EXPECT_EQ(missing->status, 404) << path;
     EXPECT_THAT(missing->body, HasSubstr("No such session")) << path;
+  }
+}
+
+TEST_F(CollectorTest, KeepsItsFilesToItsUserAndServesPagesWithProtectiveHeaders) {
+  // A block stored makes SQLite create its journal files beside the database.
+  expectAnswer(post(trackQuery("device", 9, 0), trackBody({pack(customEvent(1, "a")).literal})), 200,
+               kStored);
+  for (const char* name : {"sessions.sqlite3", "sessions.sqlite3-wal", "sessions.sqlite3-shm"}) {
+    struct stat status {};
+    ASSERT_EQ(stat((collector_->folder() / name).c_str(), &status), 0) << name;
+    EXPECT_EQ(status.st_mode & 077, 0u) << name << " is open to others: " << std::oct << status.st_mode;
+  }
+
+  // Every answer tells browsers not to guess types; pages also allow only scripts from the collector
+  // itself (no inline ones) and send no referrer, which would carry api keys in its query.
+  const std::string sessionPage = "/sessions/device/9?api_key=test-key";
+  for (const char* path : {"/", sessionPage.c_str(), "/sessions/device/8", "/sessions", "/no-such-path",
+                           "/player/rrweb-player.js", "/player/session.js"}) {
+    const auto answer = get(path);
+    ASSERT_TRUE(answer) << path;
+    EXPECT_EQ(answer->get_header_value("X-Content-Type-Options"), "nosniff") << path;
+    if (answer->get_header_value("Content-Type").starts_with("text/html")) {
+      EXPECT_EQ(answer->get_header_value("Referrer-Policy"), "no-referrer") << path;
+      const std::string policy = answer->get_header_value("Content-Security-Policy");
+      EXPECT_THAT(policy, HasSubstr("script-src 'self';")) << path;
+      EXPECT_THAT(policy, HasSubstr("default-src 'none'")) << path;
+      EXPECT_THAT(answer->body, ::testing::Not(HasSubstr("<script>"))) << path;
+    }
+  }
+}
+
+TEST_F(CollectorTest, ServesThePlayerFilesCompressedOnceWithCachingHeaders) {
+  struct Case {
+    const char* acceptEncoding;
+    const char* contentEncoding;
+  };
+  for (const auto& [accept, encoding] : std::vector<Case>{
+           {"gzip, deflate, br", "gzip"}, {"br;q=1, gzip;q=0.5", "gzip"}, {"gzip;q=0, br", ""}, {"", ""}}) {
+    for (const char* path : {"/player/rrweb-player.js", "/player/style.css"}) {
+      auto http = client();
+      http.set_decompress(false);
+      const httplib::Headers headers = {{"Accept-Encoding", accept}};
+      const auto answer = http.Get(path, headers);
+      ASSERT_TRUE(answer) << path;
+      EXPECT_EQ(answer->status, 200) << path << " " << accept;
+      EXPECT_EQ(answer->get_header_value("Content-Encoding"), encoding) << path << " " << accept;
+      EXPECT_EQ(answer->get_header_value_count("Content-Encoding"), *encoding ? 1u : 0u) << path;
+      EXPECT_THAT(answer->get_header_value("Cache-Control"), HasSubstr("max-age=")) << path;
+      // The body as sent is what was announced, and it unpacks to the file.
+      std::string body = answer->body;
+      if (*encoding) {
+        std::string unpacked(8 << 20, '\0');
+        z_stream stream{};
+        inflateInit2(&stream, 15 + 16);
+        stream.next_in = reinterpret_cast<Bytef*>(body.data());
+        stream.avail_in = static_cast<uInt>(body.size());
+        stream.next_out = reinterpret_cast<Bytef*>(unpacked.data());
+        stream.avail_out = static_cast<uInt>(unpacked.size());
+        EXPECT_EQ(inflate(&stream, Z_FINISH), Z_STREAM_END) << path;
+        unpacked.resize(stream.total_out);
+        inflateEnd(&stream);
+        body = unpacked;
+      }
+      if (std::string_view(path).ends_with(".js")) {
+        EXPECT_THAT(body, HasSubstr("rrwebPlayer")) << accept;
+      }
+
+      const std::string etag = answer->get_header_value("ETag");
+      ASSERT_FALSE(etag.empty()) << path;
+      const auto again = http.Get(path, {{"Accept-Encoding", accept}, {"If-None-Match", etag}});
+      ASSERT_TRUE(again) << path;
+      EXPECT_EQ(again->status, 304) << path << " " << accept;
+      EXPECT_EQ(again->body, "") << path;
+    }
   }
 }
 
