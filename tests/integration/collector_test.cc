@@ -3,6 +3,7 @@
 #include <httplib.h>
 #include <zlib.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -307,6 +308,94 @@ TEST_F(CollectorTest, ServesThePlayerFilesAndAnswersUnknownSessionsWithNotFound)
     EXPECT_EQ(missing->status, 404) << path;
     EXPECT_THAT(missing->body, HasSubstr("No such session")) << path;
   }
+}
+
+// `size` zero bytes as a gzip stream: about a thousandth of that on the wire.
+std::string gzipOfZeros(std::size_t size) {
+  z_stream stream{};
+  deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY);
+  const std::string zeros(1 << 20, '\0');
+  std::string out(1 << 16, '\0');
+  std::string gzip;
+  for (std::size_t left = size; left > 0 || stream.avail_in > 0;) {
+    const std::size_t piece = std::min(left, zeros.size());
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(zeros.data()));
+    stream.avail_in = static_cast<uInt>(piece);
+    left -= piece;
+    do {
+      stream.next_out = reinterpret_cast<Bytef*>(out.data());
+      stream.avail_out = static_cast<uInt>(out.size());
+      deflate(&stream, left == 0 ? Z_FINISH : Z_NO_FLUSH);
+      gzip.append(out.data(), out.size() - stream.avail_out);
+    } while (stream.avail_out == 0);
+  }
+  deflateEnd(&stream);
+  return gzip;
+}
+
+// The most memory the process has held, from /proc.
+std::size_t peakResidentBytes(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmHWM:")) return std::stoull(line.substr(6)) * 1024;
+  }
+  return 0;
+}
+
+TEST_F(CollectorTest, RefusesBodiesOverTheLimitHoweverTheyArriveWithoutHoldingThem) {
+  constexpr std::size_t kInflated = 100 << 20;
+  constexpr std::size_t kLimit = 1 << 20;
+  const std::string gzip = gzipOfZeros(kInflated);
+  ASSERT_LT(gzip.size(), kLimit);
+  const auto collector =
+      CollectorProcess::start({.apiKeys = {"test-key"}, .configs = {}, .maxBodyBytes = kLimit});
+  ASSERT_NE(collector, nullptr);
+  httplib::Client client(collector->baseUrl());
+  client.set_read_timeout(std::chrono::seconds(10));
+  const std::string chunk(16 * 1024, ' ');
+  struct Case {
+    const char* name;
+    std::string apiKey;
+    bool chunked;
+    int status;
+  };
+  for (const auto& [name, apiKey, chunked, status] : {
+           Case{"gzip, no key", "", false, 401},
+           Case{"gzip, unknown key", "stolen-key", false, 401},
+           Case{"gzip", "test-key", false, 413},
+           Case{"chunked", "test-key", true, 413},
+       }) {
+    SCOPED_TRACE(name);
+    httplib::Headers headers;
+    if (!apiKey.empty()) headers.emplace("Authorization", "Bearer " + apiKey);
+    const std::string path = "/sessions/v2/track?" + trackQuery("device", 1, 0);
+    const auto send = [&]() -> httplib::Result {
+      if (!chunked) {
+        headers.emplace("Content-Encoding", "gzip");
+        return client.Post(path, headers, gzip, "application/json");
+      }
+      // Just over the limit, in pieces, so that what the collector leaves unread fits in the socket
+      // buffers and this client, which writes all before it reads, gets to read the answer.
+      std::size_t sent = 0;
+      return client.Post(
+          path, headers,
+          [&](std::size_t, httplib::DataSink& sink) {
+            if (sent >= kLimit + 4 * chunk.size()) {
+              sink.done();
+            } else {
+              sent += chunk.size();
+              sink.write(chunk.data(), chunk.size());
+            }
+            return true;
+          },
+          "application/json");
+    };
+    const auto result = send();
+    ASSERT_TRUE(result) << httplib::to_string(result.error());
+    EXPECT_EQ(result->status, status);
+  }
+  EXPECT_LT(peakResidentBytes(collector->pid()), kInflated / 4);
+  EXPECT_THAT(collector->sessionEvents("device", 1), ::testing::IsEmpty());
 }
 
 TEST(CollectorProcessStart, ReportsACollectorThatCannotStart) {
