@@ -377,8 +377,8 @@ void CollectorServer::handleTrack(const Request& request, std::string_view body,
   if (!key) return answerText(response, 400, key.error());
   if (!isJsonContentType(request.get_header_value("Content-Type")))
     return answerText(response, 400, "Content-Type must be application/json");
-  const auto events = decodeTrackBody(body);
-  if (!events) return answerText(response, 400, events.error());
+  const auto events = decodeTrackBody(body, settings_.inflateLimits);
+  if (!events) return answerText(response, events.error().tooLarge ? 413 : 400, events.error().reason);
 
   const auto stored = database_.storeBlock(*key, *events);
   if (!stored) return answerText(response, 500, "cannot store the block: " + stored.error());

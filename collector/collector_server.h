@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "session_database.h"
+#include "track_body.h"
 
 namespace verdalune::sessionreplay::collector {
 
@@ -24,6 +25,7 @@ struct ServerSettings {
   std::set<std::string> apiKeys;
   std::map<std::string, std::string> configs;  // api key -> remote configuration JSON, served as is
   std::size_t maxBodyBytes = 20 * 1024 * 1024;
+  InflateLimits inflateLimits;
   // An npm node_modules folder holding rrweb-player, whose script and style the session pages load.
   std::filesystem::path assetsDir;
 };

@@ -398,6 +398,41 @@ TEST_F(CollectorTest, RefusesBodiesOverTheLimitHoweverTheyArriveWithoutHoldingTh
   EXPECT_THAT(collector->sessionEvents("device", 1), ::testing::IsEmpty());
 }
 
+TEST(CollectorInflateLimits, RefusesEventsThatInflatePastTheirLimitsWithoutHoldingThem) {
+  const auto collector = CollectorProcess::start(
+      {.apiKeys = {"test-key"},
+       .configs = {},
+       .maxBodyBytes = 1 << 20,
+       .port = std::nullopt,
+       .arguments = {"--max-event-bytes", "1000000", "--max-block-bytes", "1500000"}});
+  ASSERT_NE(collector, nullptr);
+  httplib::Client client(collector->baseUrl());
+  client.set_read_timeout(std::chrono::seconds(10));
+  // An event of about `size` bytes once inflated.
+  const auto event = [](std::size_t size) {
+    return packText(R"({"timestamp":1,"pad":")" + std::string(size, 'x') + "\"}");
+  };
+  struct Case {
+    std::vector<std::size_t> sizes;
+    int status;
+    std::string answer;
+  };
+  std::int64_t sequenceNumber = 0;
+  for (const auto& [sizes, status, answer] : {
+           Case{{900'000}, 200, kStored},
+           Case{{2'000'000}, 413, "event 0 inflates to more than 1000000 bytes\n"},
+           Case{{900'000, 900'000}, 413, "the events inflate to more than 1500000 bytes\n"},
+           Case{{100'000'000}, 413, "event 0 inflates to more than 1000000 bytes\n"},
+       }) {
+    std::vector<std::string> literals;
+    for (const auto size : sizes) literals.push_back(event(size));
+    expectAnswer(client.Post("/sessions/v2/track?" + trackQuery("device", 1, sequenceNumber++),
+                             {{"Authorization", "Bearer test-key"}}, trackBody(literals), "application/json"),
+                 status, answer);
+  }
+  EXPECT_LT(peakResidentBytes(collector->pid()), 50'000'000u);
+}
+
 TEST(CollectorProcessStart, ReportsACollectorThatCannotStart) {
   EXPECT_EQ(CollectorProcess::start({.apiKeys = {}, .configs = {}, .maxBodyBytes = std::nullopt}), nullptr);
 }
