@@ -110,6 +110,23 @@ void shutDownConnections(int localPort, const std::optional<Endpoint>& peer) {
   }
 }
 
+// Text a client chose, for one log line: control characters and backslashes as \xNN, so that a
+// decoded line break cannot start a forged line.
+std::string forLog(std::string_view text) {
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F || c == '\\') {
+      char escaped[5];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+      out += escaped;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
 bool isLoopback(std::string_view address) {
   return address == "::1" || address.starts_with("127.") || address.starts_with("::ffff:127.");
 }
@@ -263,7 +280,7 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
     // A refused body was never read; its announced length is what the client tried to send.
     const auto received = request.body.empty() ? request.get_header_value<std::uint64_t>("Content-Length")
                                                : request.body.size();
-    log_(request.method + " " + request.path + " " + std::to_string(response.status) + " " +
+    log_(forLog(request.method) + " " + forLog(request.path) + " " + std::to_string(response.status) + " " +
          std::to_string(received) + " bytes in, " + std::to_string(response.body.size()) + " out, " +
          duration);
   });
@@ -382,10 +399,12 @@ void CollectorServer::handleTrack(const Request& request, std::string_view body,
 
   const auto stored = database_.storeBlock(*key, *events);
   if (!stored) return answerText(response, 500, "cannot store the block: " + stored.error());
+  if (*stored == SessionDatabase::Stored::conflicting)
+    return answerText(response, 409, "a block with other events is stored under this seq_number");
   // "stored" is false for a block that was here already.
   answerJson(response, 200,
              R"({"events":)" + std::to_string(events->size()) + R"(,"stored":)" +
-                 (*stored ? "true" : "false") + "}");
+                 (*stored == SessionDatabase::Stored::stored ? "true" : "false") + "}");
 }
 
 void CollectorServer::handleConfig(const Request& request, std::string_view, Response& response) {

@@ -168,6 +168,10 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
   }
 }
 
+std::string CollectorProcess::log() const {
+  return readLog(folder_);
+}
+
 CollectorProcess::~CollectorProcess() {
   stopProcess(pid_, lifeline_, folder_);
   std::error_code ignored;

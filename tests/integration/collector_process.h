@@ -65,6 +65,7 @@ class CollectorProcess {
 
   int port() const { return port_; }
   pid_t pid() const { return pid_; }
+  std::string log() const;        // what the collector printed: its listening line, then one line per request
   std::string baseUrl() const;    // "http://127.0.0.1:PORT"
   std::string trackUrl() const;   // baseUrl() + "/sessions/v2/track"
   std::string configUrl() const;  // baseUrl() + "/config"

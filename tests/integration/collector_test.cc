@@ -164,14 +164,14 @@ TEST_F(CollectorTest, StoresEachBlockOnceAndServesTheEventsInTimestampOrder) {
   const Packed d =
       pack(rrweb::MetaEvent{.timestamp = 50, .href = "https://example.com/", .width = 390, .height = 844});
   const std::string first = trackQuery("device", 7, 0);
-  const std::string notStored = R"({"events":1,"stored":false})";
   // Later blocks can arrive first, and timestamps tie across blocks: ties keep block order.
   expectAnswer(post(trackQuery("device", 7, 1), trackBody({c.literal, d.literal})), 200,
                R"({"events":2,"stored":true})");
   expectAnswer(post(first, trackBody({a.literal, b.literal})), 200, R"({"events":2,"stored":true})");
-  // A block sent again, even changed, keeps its first copy.
-  expectAnswer(post(first, trackBody({a.literal})), 200, notStored);
-  expectAnswer(post(first, trackBody({pack(customEvent(2, "changed")).literal})), 200, notStored);
+  // A block sent again keeps its first copy; one sent again changed is refused.
+  expectAnswer(post(first, trackBody({a.literal, b.literal})), 200, R"({"events":2,"stored":false})");
+  expectAnswer(post(first, trackBody({a.literal})), 409,
+               "a block with other events is stored under this seq_number\n");
 
   EXPECT_THAT(collector_->sessionEvents("device", 7), ElementsAre(d.json, b.json, c.json, a.json));
   expectAnswer(get("/sessions/device/7/events"), 200,
@@ -190,9 +190,9 @@ TEST_F(CollectorTest, StoresEachBlockOnceAndServesTheEventsInTimestampOrder) {
 
   // '+' is a plain character in these queries, and a device id may hold any character.
   expectAnswer(
-      post("device_id=a%2Fb+c&session_id=-3&seq_number=0&mobile_translation=false", trackBody({a.literal})),
+      post("device_id=a%2Fb+c&session_id=3&seq_number=0&mobile_translation=false", trackBody({a.literal})),
       200, kStored);
-  EXPECT_THAT(collector_->sessionEvents("a/b+c", -3), ElementsAre(a.json));
+  EXPECT_THAT(collector_->sessionEvents("a/b+c", 3), ElementsAre(a.json));
 }
 
 TEST_F(CollectorTest, OneBadEventRejectsTheWholeBlock) {
@@ -308,6 +308,42 @@ TEST_F(CollectorTest, ServesThePlayerFilesAndAnswersUnknownSessionsWithNotFound)
     EXPECT_EQ(missing->status, 404) << path;
     EXPECT_THAT(missing->body, HasSubstr("No such session")) << path;
   }
+}
+
+TEST_F(CollectorTest, RefusesIdsAndBlocksThatCannotBeServedBackAsTheyCame) {
+  const std::string body = trackBody({pack(customEvent(1, "a")).literal});
+  struct Case {
+    std::string query;
+    std::string body;
+    int status;
+  };
+  for (const auto& [query, caseBody, status] : {
+           Case{trackQuery("dev%FFice", 1, 0), body, 400},
+           Case{trackQuery("dev%C0%AFice", 1, 0), body, 400},
+           Case{trackQuery("dev%00ice", 1, 0), body, 400},
+           Case{trackQuery("dev%0Aice", 1, 0), body, 400},
+           Case{trackQuery("device", -1, 0), body, 400},
+           Case{trackQuery("device", 1, -1), body, 400},
+           Case{trackQuery("device", 1, 0), trackBody({}), 400},
+           Case{trackQuery("device", 1, 0), body, 200},
+           // The same block again, as after a lost answer, and other events under its key.
+           Case{trackQuery("device", 1, 0), body, 200},
+           Case{trackQuery("device", 1, 0), trackBody({pack(customEvent(2, "b")).literal}), 409},
+       }) {
+    SCOPED_TRACE(query);
+    const auto result = post(query, caseBody);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, status) << result->body;
+  }
+  const auto sessions = get("/sessions");
+  ASSERT_TRUE(sessions);
+  // Only the session of "device": no other device id was stored.
+  EXPECT_EQ(sessions->body.find(R"("device_id")"), sessions->body.rfind(R"("device_id")"));
+  EXPECT_THAT(collector_->sessionEvents("device", 1), ::testing::SizeIs(1));
+
+  // A line break in the path stays in its log line.
+  ASSERT_TRUE(get("/x%0AGET%20/forged%20200"));
+  EXPECT_THAT(collector_->log(), ::testing::Not(HasSubstr("\nGET /forged")));
 }
 
 // `size` zero bytes as a gzip stream: about a thousandth of that on the wire.
