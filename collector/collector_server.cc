@@ -126,6 +126,23 @@ void shutDownConnections(int localPort, const std::optional<Endpoint>& peer) {
   }
 }
 
+// Text a client chose, for one log line: control characters and backslashes as \xNN, so that a
+// decoded line break cannot start a forged line.
+std::string forLog(std::string_view text) {
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7F || c == '\\') {
+      char escaped[5];
+      std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+      out += escaped;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
 bool isLoopback(std::string_view address) {
   return address == "::1" || address.starts_with("127.") || address.starts_with("::ffff:127.");
 }
@@ -290,11 +307,14 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
   http_.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
   http_.set_payload_max_length(settings_.maxBodyBytes);
 
-  http_.Post(kTrackPath, [this](const Request& request, Response& response) {
-    serveRecorded(request, response, &CollectorServer::handleTrack);
-  });
+  // The track body is read by its handler, so that it is counted as it arrives, however it is framed or
+  // encoded, and never read at all without a key.
+  http_.Post(kTrackPath,
+             [this](const Request& request, Response& response, const httplib::ContentReader& content) {
+               serveTrack(request, response, content);
+             });
   http_.Get(kConfigPath, [this](const Request& request, Response& response) {
-    serveRecorded(request, response, &CollectorServer::handleConfig);
+    serveRecorded(request, request.body, response, &CollectorServer::handleConfig);
   });
   http_.Get("/sessions", [this](const Request&, Response& response) { handleSessions(response); });
   // The device id is everything between "/sessions/" and the session id, slashes included: the path
@@ -330,7 +350,7 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
     if (const auto query = rawQuery(request); !query.empty()) location += "?" + std::string(query);
     response.set_header("Location", location);
     answerText(response, status, "moved to " + location);
-    record(request, status);
+    record(request, request.body, status);
   });
   http_.Post(kMovedRoute, moved);
   http_.Get(kMovedRoute, moved);
@@ -355,7 +375,7 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
         if (!response.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
         if (response.status == 413) {
           answerText(response, 413, "body larger than " + std::to_string(settings_.maxBodyBytes) + " bytes");
-          if (request.path == kTrackPath || request.path == kConfigPath) record(request, 413);
+          if (request.path == kTrackPath || request.path == kConfigPath) record(request, request.body, 413);
         } else if (response.status == 404) {
           answerText(response, 404, "no such endpoint: " + request.method + " " + request.path);
         } else {
@@ -374,7 +394,7 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
     // A refused body was never read; its announced length is what the client tried to send.
     const auto received = request.body.empty() ? request.get_header_value<std::uint64_t>("Content-Length")
                                                : request.body.size();
-    log_(request.method + " " + request.path + " " + std::to_string(response.status) + " " +
+    log_(forLog(request.method) + " " + forLog(request.path) + " " + std::to_string(response.status) + " " +
          std::to_string(received) + " bytes in, " + std::to_string(response.body.size()) + " out, " +
          duration);
   });
@@ -404,12 +424,12 @@ httplib::Server::Handler CollectorServer::local(std::function<void(const Request
   };
 }
 
-std::size_t CollectorServer::record(const Request& request, int status) {
+std::size_t CollectorServer::record(const Request& request, std::string_view body, int status) {
   RecordedRequest recorded{.method = request.method,
                            .path = request.path,
                            .query = std::string(rawQuery(request)),
                            .headers = {},
-                           .body = request.body,
+                           .body = std::string(body),
                            .status = status};
   for (const auto& [name, value] : request.headers) {
     if (!addedByServer(name)) recorded.headers.emplace_back(name, value);
@@ -419,9 +439,39 @@ std::size_t CollectorServer::record(const Request& request, int status) {
   return requests_.size() - 1;
 }
 
-void CollectorServer::serveRecorded(const Request& request, Response& response,
-                                    void (CollectorServer::*handle)(const Request&, Response&)) {
-  const std::size_t index = record(request, 0);
+void CollectorServer::serveTrack(const Request& request, Response& response,
+                                 const httplib::ContentReader& content) {
+  // An unread or partly read body is still on the connection, so it is not used for another request.
+  const auto refuse = [&](int status, std::string_view reason) {
+    response.set_header("Connection", "close");
+    answerText(response, status, reason);
+    record(request, {}, status);
+  };
+  const auto apiKey = bearerKey(request);
+  if (!apiKey) return refuse(401, "missing \"Authorization: Bearer KEY\"");
+  if (!settings_.apiKeys.contains(*apiKey)) return refuse(401, "unknown api key");
+
+  // Counted after the HTTP library takes off the chunking and any Content-Encoding, piece by piece, so
+  // that neither a chunked body nor a small compressed one can grow past the limit in memory.
+  std::string body;
+  bool tooLarge = false;
+  const bool complete = content([&](const char* data, std::size_t size) {
+    if (size > settings_.maxBodyBytes - body.size()) {
+      tooLarge = true;
+      return false;
+    }
+    body.append(data, size);
+    return true;
+  });
+  if (tooLarge || response.status == 413)
+    return refuse(413, "body larger than " + std::to_string(settings_.maxBodyBytes) + " bytes");
+  if (!complete) return refuse(400, "the body could not be read");
+  serveRecorded(request, body, response, &CollectorServer::handleTrack);
+}
+
+void CollectorServer::serveRecorded(const Request& request, std::string_view body, Response& response,
+                                    BodyHandler handle) {
+  const std::size_t index = record(request, body, 0);
   Fault fault;
   std::uint64_t resets = 0;
   {
@@ -442,7 +492,7 @@ void CollectorServer::serveRecorded(const Request& request, Response& response,
   if (fault.status != 0) {
     answerText(response, fault.status, "injected fault: status " + std::to_string(fault.status));
   } else {
-    (this->*handle)(request, response);
+    (this->*handle)(request, body, response);
   }
 
   std::lock_guard lock(mutex_);
@@ -450,7 +500,7 @@ void CollectorServer::serveRecorded(const Request& request, Response& response,
   if (resets == resets_) requests_[index].status = response.status;
 }
 
-void CollectorServer::handleTrack(const Request& request, Response& response) {
+void CollectorServer::handleTrack(const Request& request, std::string_view body, Response& response) {
   const auto apiKey = bearerKey(request);
   if (!apiKey) return answerText(response, 401, "missing \"Authorization: Bearer KEY\"");
   if (!settings_.apiKeys.contains(*apiKey)) return answerText(response, 401, "unknown api key");
@@ -458,18 +508,20 @@ void CollectorServer::handleTrack(const Request& request, Response& response) {
   if (!key) return answerText(response, 400, key.error());
   if (!isJsonContentType(request.get_header_value("Content-Type")))
     return answerText(response, 400, "Content-Type must be application/json");
-  const auto events = decodeTrackBody(request.body);
-  if (!events) return answerText(response, 400, events.error());
+  const auto events = decodeTrackBody(body, settings_.inflateLimits);
+  if (!events) return answerText(response, events.error().tooLarge ? 413 : 400, events.error().reason);
 
   const auto stored = database_.storeBlock(*key, *events);
   if (!stored) return answerText(response, 500, "cannot store the block: " + stored.error());
+  if (*stored == SessionDatabase::Stored::conflicting)
+    return answerText(response, 409, "a block with other events is stored under this seq_number");
   // "stored" is false for a block that was here already.
   answerJson(response, 200,
              R"({"events":)" + std::to_string(events->size()) + R"(,"stored":)" +
-                 (*stored ? "true" : "false") + "}");
+                 (*stored == SessionDatabase::Stored::stored ? "true" : "false") + "}");
 }
 
-void CollectorServer::handleConfig(const Request& request, Response& response) {
+void CollectorServer::handleConfig(const Request& request, std::string_view, Response& response) {
   const auto apiKey = single(parseQuery(rawQuery(request)), "api_key");
   if (!apiKey) return answerText(response, 400, apiKey.error());
   if (!*apiKey) return answerText(response, 401, "missing api_key");

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "session_database.h"
+#include "track_body.h"
 
 namespace verdalune::sessionreplay::collector {
 
@@ -25,6 +26,7 @@ struct ServerSettings {
   std::set<std::string> apiKeys;
   std::map<std::string, std::string> configs;  // api key -> remote configuration JSON, served as is
   std::size_t maxBodyBytes = 20 * 1024 * 1024;
+  InflateLimits inflateLimits;
   // An npm node_modules folder holding rrweb-player, whose script and style the session pages load.
   std::filesystem::path assetsDir;
 };
@@ -68,8 +70,11 @@ class CollectorServer {
   void stop();
 
  private:
-  void handleTrack(const httplib::Request& request, httplib::Response& response);
-  void handleConfig(const httplib::Request& request, httplib::Response& response);
+  // Checks the key, then reads the body within the size limit, then serves it as a recorded request.
+  void serveTrack(const httplib::Request& request, httplib::Response& response,
+                  const httplib::ContentReader& content);
+  void handleTrack(const httplib::Request& request, std::string_view body, httplib::Response& response);
+  void handleConfig(const httplib::Request& request, std::string_view body, httplib::Response& response);
   void handleSessions(httplib::Response& response);
   void handleSessionEvents(const httplib::Request& request, httplib::Response& response);
   void handleSessionPage(const httplib::Request& request, httplib::Response& response);
@@ -81,9 +86,11 @@ class CollectorServer {
 
   // Records the request, applies the next pending fault, then hands it to `handle` unless the fault
   // answered it.
-  void serveRecorded(const httplib::Request& request, httplib::Response& response,
-                     void (CollectorServer::*handle)(const httplib::Request&, httplib::Response&));
-  std::size_t record(const httplib::Request& request, int status);
+  using BodyHandler = void (CollectorServer::*)(const httplib::Request&, std::string_view body,
+                                                httplib::Response&);
+  void serveRecorded(const httplib::Request& request, std::string_view body, httplib::Response& response,
+                     BodyHandler handle);
+  std::size_t record(const httplib::Request& request, std::string_view body, int status);
 
   // Wraps a test-control handler so that it answers only clients on this host.
   httplib::Server::Handler local(std::function<void(const httplib::Request&, httplib::Response&)> handle);

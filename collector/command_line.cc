@@ -35,7 +35,12 @@ Receives session replay blocks, stores them in SQLite, serves them back and play
   --port N               port to listen on; 0 (the default) picks a free one
   --host ADDRESS         address to listen on (default 127.0.0.1)
   --db PATH              SQLite file (default vdl-collector.sqlite3 in the working directory)
-  --max-body-bytes N     largest upload body accepted; larger ones get 413 (default 20971520)
+  --max-body-bytes N     largest upload body accepted, counted after any Content-Encoding is undone;
+                         larger ones get 413 (default 20971520)
+  --max-event-bytes N    largest event accepted once inflated; a block holding a larger one gets 413
+                         (default 16777216)
+  --max-block-bytes N    most that the events of one block may inflate to together; more gets 413
+                         (default 67108864)
   --assets DIR           node_modules folder holding rrweb-player, whose script and style the session
                          pages load (default )" +
          defaultAssetsDir() + R"()
@@ -104,6 +109,10 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
       const auto bytes = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
       if (!bytes) return std::unexpected("--max-body-bytes takes a positive number");
       line.maxBodyBytes = *bytes;
+    } else if (option == "--max-event-bytes" || option == "--max-block-bytes") {
+      const auto bytes = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
+      if (!bytes) return std::unexpected(std::string(option) + " takes a positive number");
+      (option == "--max-event-bytes" ? line.maxEventBytes : line.maxBlockBytes) = *bytes;
     } else {
       return std::unexpected("unknown option " + std::string(option));
     }

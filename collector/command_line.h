@@ -20,6 +20,8 @@ struct CommandLine {
   std::vector<std::string> apiKeys;
   std::map<std::string, std::string> configFiles;  // api key -> remote configuration JSON file
   std::size_t maxBodyBytes = 20 * 1024 * 1024;
+  std::size_t maxEventBytes = 16 * 1024 * 1024;
+  std::size_t maxBlockBytes = 64 * 1024 * 1024;
   std::string assetsDir = defaultAssetsDir();  // node_modules, holding rrweb-player
   bool watchStdin = false;
 };

@@ -43,6 +43,32 @@ void appendUtf8(std::string& out, int code) {
   }
 }
 
+// Whether the text is UTF-8 without control characters, so that it can go into JSON answers, pages and
+// log lines as it is.
+bool isPrintableUtf8(std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    if (lead < 0x20 || lead == 0x7F) return false;
+    const std::size_t length = lead < 0x80           ? 1
+                               : (lead >> 5) == 0x6  ? 2
+                               : (lead >> 4) == 0xE  ? 3
+                               : (lead >> 3) == 0x1E ? 4
+                                                     : 0;
+    if (length == 0 || text.size() - i < length) return false;
+    std::uint32_t code = length == 1 ? lead : lead & (0x7F >> length);
+    for (std::size_t k = 1; k < length; ++k) {
+      const auto next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      code = (code << 6) | (next & 0x3F);
+    }
+    // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
+    constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < kSmallest[length] || (code >= 0xD800 && code < 0xE000) || code > 0x10FFFF) return false;
+    i += length;
+  }
+  return true;
+}
+
 std::expected<std::string, std::string> required(const QueryItems& items, std::string_view name) {
   auto value = single(items, name);
   if (!value) return std::unexpected(value.error());
@@ -137,14 +163,18 @@ std::expected<BlockKey, std::string> blockKeyOf(const QueryItems& query, std::st
   auto deviceId = required(query, "device_id");
   if (!deviceId) return std::unexpected(deviceId.error());
   if (deviceId->empty()) return std::unexpected("device_id is empty");
+  if (!isPrintableUtf8(*deviceId))
+    return std::unexpected("device_id is not UTF-8 text without control characters");
   auto sessionText = required(query, "session_id");
   if (!sessionText) return std::unexpected(sessionText.error());
   auto sessionId = parseInt64(*sessionText, "session_id");
   if (!sessionId) return std::unexpected(sessionId.error());
+  if (*sessionId < 0) return std::unexpected("session_id is negative");
   auto sequenceText = required(query, "seq_number");
   if (!sequenceText) return std::unexpected(sequenceText.error());
   auto sequenceNumber = parseInt64(*sequenceText, "seq_number");
   if (!sequenceNumber) return std::unexpected(sequenceNumber.error());
+  if (*sequenceNumber < 0) return std::unexpected("seq_number is negative");
   auto translation = required(query, "mobile_translation");
   if (!translation) return std::unexpected(translation.error());
   if (*translation != "true" && *translation != "false")

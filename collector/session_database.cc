@@ -1,5 +1,6 @@
 #include "session_database.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace verdalune::sessionreplay::collector {
@@ -131,11 +132,11 @@ std::expected<void, std::string> SessionDatabase::execute(const char* sql) {
   return std::unexpected(error);
 }
 
-std::expected<bool, std::string> SessionDatabase::storeBlock(const BlockKey& key,
-                                                             std::span<const ReceivedEvent> events) {
+std::expected<SessionDatabase::Stored, std::string> SessionDatabase::storeBlock(
+    const BlockKey& key, std::span<const ReceivedEvent> events) {
   std::lock_guard lock(mutex_);
   if (auto begun = execute("BEGIN IMMEDIATE"); !begun) return std::unexpected(begun.error());
-  auto store = [&]() -> std::expected<bool, std::string> {
+  auto store = [&]() -> std::expected<Stored, std::string> {
     Statement block(connection_,
                     "INSERT OR IGNORE INTO blocks (api_key, device_id, session_id, seq_number, event_count) "
                     "VALUES (?1, ?2, ?3, ?4, ?5)");
@@ -144,7 +145,16 @@ std::expected<bool, std::string> SessionDatabase::storeBlock(const BlockKey& key
                   static_cast<std::int64_t>(events.size()));
     block.step();
     if (block.failed()) return std::unexpected(block.error());
-    if (sqlite3_changes(connection_) == 0) return false;
+    if (sqlite3_changes(connection_) == 0) {
+      auto stored =
+          query<std::string>(connection_,
+                             "SELECT json FROM events WHERE api_key = ?1 AND device_id = ?2 "
+                             "AND session_id = ?3 AND seq_number = ?4 ORDER BY position",
+                             &firstText, key.apiKey, key.deviceId, key.sessionId, key.sequenceNumber);
+      if (!stored) return std::unexpected(stored.error());
+      const bool same = std::ranges::equal(*stored, events, {}, {}, &ReceivedEvent::json);
+      return same ? Stored::alreadyStored : Stored::conflicting;
+    }
 
     Statement event(
         connection_,
@@ -157,7 +167,7 @@ std::expected<bool, std::string> SessionDatabase::storeBlock(const BlockKey& key
       event.step();
       if (event.failed()) return std::unexpected(event.error());
     }
-    return true;
+    return Stored::stored;
   };
   auto stored = store();
   if (auto ended = execute(stored ? "COMMIT" : "ROLLBACK"); !ended && stored)

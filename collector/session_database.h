@@ -54,10 +54,11 @@ class SessionDatabase {
   SessionDatabase& operator=(const SessionDatabase&) = delete;
 
   // Stores the block with its events in the order given, in one transaction. A block whose key is
-  // stored already is left as it was (clients resend a block whose answer they never saw): the
-  // result is then false.
-  [[nodiscard]] std::expected<bool, std::string> storeBlock(const BlockKey& key,
-                                                            std::span<const ReceivedEvent> events);
+  // stored already is left as it was: clients resend a block whose answer they never saw, which is
+  // alreadyStored, while other events under that key are conflicting.
+  enum class Stored { stored, alreadyStored, conflicting };
+  [[nodiscard]] std::expected<Stored, std::string> storeBlock(const BlockKey& key,
+                                                              std::span<const ReceivedEvent> events);
 
   // Every session, ordered by api key, device id and session id.
   [[nodiscard]] std::expected<std::vector<SessionSummary>, std::string> sessions();

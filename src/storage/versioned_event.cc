@@ -137,11 +137,13 @@ std::string_view describe(UnpackError error) {
       return "notLatin1";
     case UnpackError::inflateFailed:
       return "inflateFailed";
+    case UnpackError::tooLarge:
+      return "tooLarge";
   }
   return "unknown";
 }
 
-std::expected<std::string, UnpackError> unpackEvent(std::string_view packed) {
+std::expected<std::string, UnpackError> unpackEvent(std::string_view packed, std::size_t maxBytes) {
   rapidjson::Document literal;
   literal.Parse<rapidjson::kParseValidateEncodingFlag>(packed.data(), packed.size());
   if (literal.HasParseError() || !literal.IsString()) return std::unexpected(UnpackError::notAStringLiteral);
@@ -169,13 +171,18 @@ std::expected<std::string, UnpackError> unpackEvent(std::string_view packed) {
   int status = Z_OK;
   while (status == Z_OK) {
     const std::size_t written = json.size();
-    json.resize(written + std::max<std::size_t>(compressed.size() * 4, 4096));
+    if (written > maxBytes) break;
+    // Grown a piece at a time, and never more than a byte past the limit, so that a small stream that
+    // inflates enormously is caught before it is held.
+    const std::size_t step = std::max<std::size_t>(compressed.size() * 4, 4096);
+    json.resize(written + std::min(step - 1, maxBytes - written) + 1);
     stream.next_out = reinterpret_cast<Bytef*>(json.data() + written);
     stream.avail_out = static_cast<uInt>(json.size() - written);
     status = inflate(&stream, Z_NO_FLUSH);
     json.resize(json.size() - stream.avail_out);
   }
   inflateEnd(&stream);
+  if (json.size() > maxBytes) return std::unexpected(UnpackError::tooLarge);
   if (status != Z_STREAM_END || stream.avail_in != 0) return std::unexpected(UnpackError::inflateFailed);
   return json;
 }

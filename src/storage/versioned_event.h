@@ -1,6 +1,7 @@
 #pragma once
 
 #include <expected>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -57,12 +58,14 @@ enum class UnpackError {
   notAStringLiteral,  // the text is not one JSON string
   notLatin1,          // a character above U+00FF: these were never compressed bytes
   inflateFailed,      // not a complete zlib stream
+  tooLarge,           // inflates to more than the limit given
 };
 
 [[nodiscard]] std::string_view describe(UnpackError error);
 
 // The reverse of EventPacker::pack: the event's JSON text, as stored (for tests, tools and the
-// collection service).
-[[nodiscard]] std::expected<std::string, UnpackError> unpackEvent(std::string_view packed);
+// collection service). Inflating stops, with tooLarge, once the text would pass `maxBytes`.
+[[nodiscard]] std::expected<std::string, UnpackError> unpackEvent(
+    std::string_view packed, std::size_t maxBytes = std::numeric_limits<std::size_t>::max());
 
 }  // namespace verdalune::sessionreplay

@@ -126,6 +126,7 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
   }
   if (options.maxBodyBytes)
     arguments.insert(arguments.end(), {"--max-body-bytes", std::to_string(*options.maxBodyBytes)});
+  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
 
   // The collector reads its standard input until it ends; the write end stays here (and only here:
   // close-on-exec), so the collector stops when this process ends, however it ends.
@@ -165,6 +166,10 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
       return giveUp("did not start listening in time; its log:\n" + log);
     }
   }
+}
+
+std::string CollectorProcess::log() const {
+  return readLog(folder_);
 }
 
 CollectorProcess::~CollectorProcess() {

@@ -48,6 +48,7 @@ class CollectorProcess {
     std::optional<std::size_t> maxBodyBytes;
     // A fixed port, for a collector that comes back where an earlier one was; a free one by default.
     std::optional<int> port{};
+    std::vector<std::string> arguments{};  // more command-line options
   };
 
   // Starts the binary (path from the compile definition VDL_COLLECTOR_PATH) on `port` (a free one when
@@ -65,6 +66,8 @@ class CollectorProcess {
   int port() const { return port_; }
   // The temporary folder of the collector's database (sessions.sqlite3) and log.
   const std::filesystem::path& folder() const { return folder_; }
+  pid_t pid() const { return pid_; }
+  std::string log() const;        // what the collector printed: its listening line, then one line per request
   std::string baseUrl() const;    // "http://127.0.0.1:PORT"
   std::string trackUrl() const;   // baseUrl() + "/sessions/v2/track"
   std::string configUrl() const;  // baseUrl() + "/config"

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <zlib.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -164,14 +165,14 @@ TEST_F(CollectorTest, StoresEachBlockOnceAndServesTheEventsInTimestampOrder) {
   const Packed d =
       pack(rrweb::MetaEvent{.timestamp = 50, .href = "https://example.com/", .width = 390, .height = 844});
   const std::string first = trackQuery("device", 7, 0);
-  const std::string notStored = R"({"events":1,"stored":false})";
   // Later blocks can arrive first, and timestamps tie across blocks: ties keep block order.
   expectAnswer(post(trackQuery("device", 7, 1), trackBody({c.literal, d.literal})), 200,
                R"({"events":2,"stored":true})");
   expectAnswer(post(first, trackBody({a.literal, b.literal})), 200, R"({"events":2,"stored":true})");
-  // A block sent again, even changed, keeps its first copy.
-  expectAnswer(post(first, trackBody({a.literal})), 200, notStored);
-  expectAnswer(post(first, trackBody({pack(customEvent(2, "changed")).literal})), 200, notStored);
+  // A block sent again keeps its first copy; one sent again changed is refused.
+  expectAnswer(post(first, trackBody({a.literal, b.literal})), 200, R"({"events":2,"stored":false})");
+  expectAnswer(post(first, trackBody({a.literal})), 409,
+               "a block with other events is stored under this seq_number\n");
 
   EXPECT_THAT(collector_->sessionEvents("device", 7), ElementsAre(d.json, b.json, c.json, a.json));
   expectAnswer(get("/sessions/device/7/events"), 200,
@@ -190,9 +191,9 @@ TEST_F(CollectorTest, StoresEachBlockOnceAndServesTheEventsInTimestampOrder) {
 
   // '+' is a plain character in these queries, and a device id may hold any character.
   expectAnswer(
-      post("device_id=a%2Fb+c&session_id=-3&seq_number=0&mobile_translation=false", trackBody({a.literal})),
+      post("device_id=a%2Fb+c&session_id=3&seq_number=0&mobile_translation=false", trackBody({a.literal})),
       200, kStored);
-  EXPECT_THAT(collector_->sessionEvents("a/b+c", -3), ElementsAre(a.json));
+  EXPECT_THAT(collector_->sessionEvents("a/b+c", 3), ElementsAre(a.json));
 }
 
 TEST_F(CollectorTest, OneBadEventRejectsTheWholeBlock) {
@@ -382,6 +383,165 @@ TEST_F(CollectorTest, ServesThePlayerFilesCompressedOnceWithCachingHeaders) {
       EXPECT_EQ(again->body, "") << path;
     }
   }
+}
+
+TEST_F(CollectorTest, RefusesIdsAndBlocksThatCannotBeServedBackAsTheyCame) {
+  const std::string body = trackBody({pack(customEvent(1, "a")).literal});
+  struct Case {
+    std::string query;
+    std::string body;
+    int status;
+  };
+  for (const auto& [query, caseBody, status] : {
+           Case{trackQuery("dev%FFice", 1, 0), body, 400},
+           Case{trackQuery("dev%C0%AFice", 1, 0), body, 400},
+           Case{trackQuery("dev%00ice", 1, 0), body, 400},
+           Case{trackQuery("dev%0Aice", 1, 0), body, 400},
+           Case{trackQuery("device", -1, 0), body, 400},
+           Case{trackQuery("device", 1, -1), body, 400},
+           Case{trackQuery("device", 1, 0), trackBody({}), 400},
+           Case{trackQuery("device", 1, 0), body, 200},
+           // The same block again, as after a lost answer, and other events under its key.
+           Case{trackQuery("device", 1, 0), body, 200},
+           Case{trackQuery("device", 1, 0), trackBody({pack(customEvent(2, "b")).literal}), 409},
+       }) {
+    SCOPED_TRACE(query);
+    const auto result = post(query, caseBody);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, status) << result->body;
+  }
+  const auto sessions = get("/sessions");
+  ASSERT_TRUE(sessions);
+  // Only the session of "device": no other device id was stored.
+  EXPECT_EQ(sessions->body.find(R"("device_id")"), sessions->body.rfind(R"("device_id")"));
+  EXPECT_THAT(collector_->sessionEvents("device", 1), ::testing::SizeIs(1));
+
+  // A line break in the path stays in its log line.
+  ASSERT_TRUE(get("/x%0AGET%20/forged%20200"));
+  EXPECT_THAT(collector_->log(), ::testing::Not(HasSubstr("\nGET /forged")));
+}
+
+// `size` zero bytes as a gzip stream: about a thousandth of that on the wire.
+std::string gzipOfZeros(std::size_t size) {
+  z_stream stream{};
+  deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 15 + 16, 9, Z_DEFAULT_STRATEGY);
+  const std::string zeros(1 << 20, '\0');
+  std::string out(1 << 16, '\0');
+  std::string gzip;
+  for (std::size_t left = size; left > 0 || stream.avail_in > 0;) {
+    const std::size_t piece = std::min(left, zeros.size());
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(zeros.data()));
+    stream.avail_in = static_cast<uInt>(piece);
+    left -= piece;
+    do {
+      stream.next_out = reinterpret_cast<Bytef*>(out.data());
+      stream.avail_out = static_cast<uInt>(out.size());
+      deflate(&stream, left == 0 ? Z_FINISH : Z_NO_FLUSH);
+      gzip.append(out.data(), out.size() - stream.avail_out);
+    } while (stream.avail_out == 0);
+  }
+  deflateEnd(&stream);
+  return gzip;
+}
+
+// The most memory the process has held, from /proc.
+std::size_t peakResidentBytes(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmHWM:")) return std::stoull(line.substr(6)) * 1024;
+  }
+  return 0;
+}
+
+TEST_F(CollectorTest, RefusesBodiesOverTheLimitHoweverTheyArriveWithoutHoldingThem) {
+  constexpr std::size_t kInflated = 100 << 20;
+  constexpr std::size_t kLimit = 1 << 20;
+  const std::string gzip = gzipOfZeros(kInflated);
+  ASSERT_LT(gzip.size(), kLimit);
+  const auto collector =
+      CollectorProcess::start({.apiKeys = {"test-key"}, .configs = {}, .maxBodyBytes = kLimit});
+  ASSERT_NE(collector, nullptr);
+  httplib::Client client(collector->baseUrl());
+  client.set_read_timeout(std::chrono::seconds(10));
+  const std::string chunk(16 * 1024, ' ');
+  struct Case {
+    const char* name;
+    std::string apiKey;
+    bool chunked;
+    int status;
+  };
+  for (const auto& [name, apiKey, chunked, status] : {
+           Case{"gzip, no key", "", false, 401},
+           Case{"gzip, unknown key", "stolen-key", false, 401},
+           Case{"gzip", "test-key", false, 413},
+           Case{"chunked", "test-key", true, 413},
+       }) {
+    SCOPED_TRACE(name);
+    httplib::Headers headers;
+    if (!apiKey.empty()) headers.emplace("Authorization", "Bearer " + apiKey);
+    const std::string path = "/sessions/v2/track?" + trackQuery("device", 1, 0);
+    const auto send = [&]() -> httplib::Result {
+      if (!chunked) {
+        headers.emplace("Content-Encoding", "gzip");
+        return client.Post(path, headers, gzip, "application/json");
+      }
+      // Just over the limit, in pieces, so that what the collector leaves unread fits in the socket
+      // buffers and this client, which writes all before it reads, gets to read the answer.
+      std::size_t sent = 0;
+      return client.Post(
+          path, headers,
+          [&](std::size_t, httplib::DataSink& sink) {
+            if (sent >= kLimit + 4 * chunk.size()) {
+              sink.done();
+            } else {
+              sent += chunk.size();
+              sink.write(chunk.data(), chunk.size());
+            }
+            return true;
+          },
+          "application/json");
+    };
+    const auto result = send();
+    ASSERT_TRUE(result) << httplib::to_string(result.error());
+    EXPECT_EQ(result->status, status);
+  }
+  EXPECT_LT(peakResidentBytes(collector->pid()), kInflated / 4);
+  EXPECT_THAT(collector->sessionEvents("device", 1), ::testing::IsEmpty());
+}
+
+TEST(CollectorInflateLimits, RefusesEventsThatInflatePastTheirLimitsWithoutHoldingThem) {
+  const auto collector = CollectorProcess::start(
+      {.apiKeys = {"test-key"},
+       .configs = {},
+       .maxBodyBytes = 1 << 20,
+       .port = std::nullopt,
+       .arguments = {"--max-event-bytes", "1000000", "--max-block-bytes", "1500000"}});
+  ASSERT_NE(collector, nullptr);
+  httplib::Client client(collector->baseUrl());
+  client.set_read_timeout(std::chrono::seconds(10));
+  // An event of about `size` bytes once inflated.
+  const auto event = [](std::size_t size) {
+    return packText(R"({"timestamp":1,"pad":")" + std::string(size, 'x') + "\"}");
+  };
+  struct Case {
+    std::vector<std::size_t> sizes;
+    int status;
+    std::string answer;
+  };
+  std::int64_t sequenceNumber = 0;
+  for (const auto& [sizes, status, answer] : {
+           Case{{900'000}, 200, kStored},
+           Case{{2'000'000}, 413, "event 0 inflates to more than 1000000 bytes\n"},
+           Case{{900'000, 900'000}, 413, "the events inflate to more than 1500000 bytes\n"},
+           Case{{100'000'000}, 413, "event 0 inflates to more than 1000000 bytes\n"},
+       }) {
+    std::vector<std::string> literals;
+    for (const auto size : sizes) literals.push_back(event(size));
+    expectAnswer(client.Post("/sessions/v2/track?" + trackQuery("device", 1, sequenceNumber++),
+                             {{"Authorization", "Bearer test-key"}}, trackBody(literals), "application/json"),
+                 status, answer);
+  }
+  EXPECT_LT(peakResidentBytes(collector->pid()), 50'000'000u);
 }
 
 TEST(CollectorProcessStart, ReportsACollectorThatCannotStart) {
