@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <expected>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <variant>
@@ -22,6 +23,8 @@ struct CommandLine {
   std::size_t maxBodyBytes = 20 * 1024 * 1024;
   std::string assetsDir = defaultAssetsDir();  // node_modules, holding rrweb-player
   bool watchStdin = false;
+  std::optional<std::string> testControlToken;  // --test-controls: the routes exist only with it
+  std::vector<std::string> allowedHosts;        // lowercase
 };
 
 struct HelpRequested {};

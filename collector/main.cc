@@ -32,10 +32,13 @@ int main(int argc, char** argv) {
   }
   const auto& options = std::get<collector::CommandLine>(*parsed);
 
-  collector::ServerSettings settings{.apiKeys = {options.apiKeys.begin(), options.apiKeys.end()},
-                                     .configs = {},
-                                     .maxBodyBytes = options.maxBodyBytes,
-                                     .assetsDir = options.assetsDir};
+  collector::ServerSettings settings{
+      .apiKeys = {options.apiKeys.begin(), options.apiKeys.end()},
+      .configs = {},
+      .maxBodyBytes = options.maxBodyBytes,
+      .assetsDir = options.assetsDir,
+      .testControlToken = options.testControlToken,
+      .allowedHosts = {options.allowedHosts.begin(), options.allowedHosts.end()}};
   for (const auto& [apiKey, file] : options.configFiles) {
     auto contents = readWholeFile(file);
     if (!contents) return fail("cannot read " + file + ": " + contents.error().message());
