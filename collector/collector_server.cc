@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <zlib.h>
 
+#include <cctype>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -31,6 +32,10 @@ constexpr const char* kConfigPath = "/config";
 constexpr const char* kMovedRoute = R"(/_control/moved/(3[0-9][0-9])(/.*))";
 // The status written to the log for a dropped connection; the client never sees it.
 constexpr int kDroppedStatus = 444;
+// The request record of the test controls keeps this many of the latest requests, each body cut to this
+// length: enough for the largest uploads tests read back, bounded however long a collector runs.
+constexpr std::size_t kRecordedRequests = 1000;
+constexpr std::size_t kRecordedBodyBytes = 8 * 1024 * 1024;
 // Generous, so that connections a client keeps alive and delayed requests never queue behind each other.
 constexpr std::size_t kWorkerThreads = 32;
 
@@ -141,6 +146,11 @@ std::string forLog(std::string_view text) {
     }
   }
   return out;
+}
+
+std::string lowercase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
 }
 
 bool isLoopback(std::string_view address) {
@@ -340,33 +350,15 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
   // On every answer, error pages included: browsers take each as the type it says it is.
   http_.set_default_headers({{"X-Content-Type-Options", "nosniff"}});
 
-  http_.Post("/_control/faults",
-             local([this](const Request& request, Response& response) { handleFaults(request, response); }));
-  http_.Get("/_control/requests",
-            local([this](const Request&, Response& response) { handleRequests(response); }));
-  const auto moved = local([this](const Request& request, Response& response) {
-    const int status = std::stoi(request.matches[1].str());
-    std::string location = request.matches[2].str();
-    if (const auto query = rawQuery(request); !query.empty()) location += "?" + std::string(query);
-    response.set_header("Location", location);
-    answerText(response, status, "moved to " + location);
-    record(request, request.body, status);
-  });
-  http_.Post(kMovedRoute, moved);
-  http_.Get(kMovedRoute, moved);
-  http_.Post("/_control/reset", local([this](const Request&, Response& response) {
-               {
-                 std::lock_guard lock(mutex_);
-                 requests_.clear();
-                 faults_.clear();
-                 ++resets_;
-               }
-               answerJson(response, 200, "{}");
-             }));
+  if (settings_.testControlToken) registerTestControls();
 
-  http_.set_pre_routing_handler([](const Request&, Response&) {
+  http_.set_pre_routing_handler([this](const Request& request, Response& response) {
     requestStart = std::chrono::steady_clock::now();
-    return httplib::Server::HandlerResponse::Unhandled;
+    if (hostAllowed(request)) return httplib::Server::HandlerResponse::Unhandled;
+    answerText(response, 421,
+               "this collector does not answer to the host name " + request.get_header_value("Host") +
+                   " (see --allowed-host)");
+    return httplib::Server::HandlerResponse::Handled;
   });
   // Answers the library's own refusals (a body over the limit, an unknown path) with a reason line too.
   // An upload refused for its size is recorded here, since no handler sees it.
@@ -400,10 +392,40 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
   });
 }
 
+void CollectorServer::registerTestControls() {
+  http_.Post("/_control/faults",
+             local([this](const Request& request, Response& response) { handleFaults(request, response); }));
+  http_.Get("/_control/requests",
+            local([this](const Request&, Response& response) { handleRequests(response); }));
+  // Needs no token: what follows the redirect is the client under test, which knows nothing of it.
+  // It only answers a redirect, and records the request.
+  const auto moved = local(
+      [this](const Request& request, Response& response) {
+        const int status = std::stoi(request.matches[1].str());
+        std::string location = request.matches[2].str();
+        if (const auto query = rawQuery(request); !query.empty()) location += "?" + std::string(query);
+        response.set_header("Location", location);
+        answerText(response, status, "moved to " + location);
+        record(request, request.body, status);
+      },
+      false);
+  http_.Post(kMovedRoute, moved);
+  http_.Get(kMovedRoute, moved);
+  http_.Post("/_control/reset", local([this](const Request&, Response& response) {
+               {
+                 std::lock_guard lock(mutex_);
+                 requests_.clear();
+                 faults_.clear();
+               }
+               answerJson(response, 200, "{}");
+             }));
+}
+
 std::expected<int, std::string> CollectorServer::bind(const std::string& host, int port) {
   const int bound = port == 0 ? http_.bind_to_any_port(host) : (http_.bind_to_port(host, port) ? port : -1);
   if (bound <= 0) return std::unexpected("cannot listen on " + host + ":" + std::to_string(port));
   port_ = bound;
+  boundHost_ = lowercase(host);
   return bound;
 }
 
@@ -416,27 +438,55 @@ void CollectorServer::stop() {
   shutDownConnections(port_, std::nullopt);
 }
 
-httplib::Server::Handler CollectorServer::local(std::function<void(const Request&, Response&)> handle) {
-  return [handle = std::move(handle)](const Request& request, Response& response) {
+httplib::Server::Handler CollectorServer::local(std::function<void(const Request&, Response&)> handle,
+                                                bool tokenNeeded) {
+  return [this, handle = std::move(handle), tokenNeeded](const Request& request, Response& response) {
     if (!isLoopback(request.remote_addr) && request.remote_addr != request.local_addr)
       return answerText(response, 403, "test controls answer only clients on this host");
+    if (tokenNeeded && request.get_header_value("X-Test-Control-Token") != *settings_.testControlToken)
+      return answerText(response, 403, "test controls need the X-Test-Control-Token of --test-controls");
+    if (tokenNeeded && request.method == "POST" &&
+        !isJsonContentType(request.get_header_value("Content-Type")))
+      return answerText(response, 415, "test controls take application/json");
     handle(request, response);
   };
 }
 
-std::size_t CollectorServer::record(const Request& request, std::string_view body, int status) {
+bool CollectorServer::hostAllowed(const Request& request) const {
+  // A client that names no host is no browser, which is what a rebound name would fool.
+  if (!request.has_header("Host")) return true;
+  std::string host = lowercase(request.get_header_value("Host"));
+  // Without the port: after the bracketed IPv6 address, or after the only colon.
+  if (host.starts_with('[')) {
+    host = host.substr(0, host.find(']') + 1);
+  } else if (const auto colon = host.find(':'); colon != std::string::npos) {
+    host.resize(colon);
+  }
+  const auto bracketed = [](const std::string& address) {
+    return address.find(':') == std::string::npos ? address : "[" + address + "]";
+  };
+  return host == "localhost" || host == "127.0.0.1" || host == "[::1]" || host == bracketed(boundHost_) ||
+         host == bracketed(lowercase(request.local_addr)) || settings_.allowedHosts.contains(host);
+}
+
+std::optional<std::uint64_t> CollectorServer::record(const Request& request, std::string_view body,
+                                                     int status) {
+  if (!settings_.testControlToken) return std::nullopt;
   RecordedRequest recorded{.method = request.method,
                            .path = request.path,
                            .query = std::string(rawQuery(request)),
                            .headers = {},
-                           .body = std::string(body),
+                           .body = std::string(body.substr(0, kRecordedBodyBytes)),
                            .status = status};
+  // Kept as received, Authorization included: the tests that read the record check what their client
+  // sent, and only they (with the token) can read it.
   for (const auto& [name, value] : request.headers) {
     if (!addedByServer(name)) recorded.headers.emplace_back(name, value);
   }
   std::lock_guard lock(mutex_);
   requests_.push_back(std::move(recorded));
-  return requests_.size() - 1;
+  if (requests_.size() > kRecordedRequests) requests_.pop_front();
+  return recorded_++;
 }
 
 void CollectorServer::serveTrack(const Request& request, Response& response,
@@ -471,12 +521,10 @@ void CollectorServer::serveTrack(const Request& request, Response& response,
 
 void CollectorServer::serveRecorded(const Request& request, std::string_view body, Response& response,
                                     BodyHandler handle) {
-  const std::size_t index = record(request, body, 0);
+  const auto number = record(request, body, 0);
   Fault fault;
-  std::uint64_t resets = 0;
   {
     std::lock_guard lock(mutex_);
-    resets = resets_;
     if (!faults_.empty()) {
       fault = faults_.front();
       faults_.pop_front();
@@ -495,9 +543,11 @@ void CollectorServer::serveRecorded(const Request& request, std::string_view bod
     (this->*handle)(request, body, response);
   }
 
+  if (!number) return;
   std::lock_guard lock(mutex_);
-  // A reset in the meantime took this request's record away.
-  if (resets == resets_) requests_[index].status = response.status;
+  // A reset, or newer requests pushing it out, may have taken this request's record away.
+  const std::uint64_t first = recorded_ - requests_.size();
+  if (*number >= first) requests_[*number - first].status = response.status;
 }
 
 void CollectorServer::handleTrack(const Request& request, std::string_view body, Response& response) {
@@ -650,7 +700,7 @@ void CollectorServer::handleRequests(Response& response) {
   std::vector<RecordedRequest> requests;
   {
     std::lock_guard lock(mutex_);
-    requests = requests_;
+    requests.assign(requests_.begin(), requests_.end());
   }
   answerJson(response, 200, describeRequests(requests));
 }

@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -29,6 +30,13 @@ struct ServerSettings {
   InflateLimits inflateLimits;
   // An npm node_modules folder holding rrweb-player, whose script and style the session pages load.
   std::filesystem::path assetsDir;
+  // The test controls (/_control/*: faults, the request record, reset, moved endpoints) exist only when
+  // this is set, and answer only requests that bear it in X-Test-Control-Token. Without them nothing is
+  // recorded.
+  std::optional<std::string> testControlToken;
+  // Host names (Host header, without the port) the collector answers besides the loopback names and the
+  // address a request arrived on; a page on another name reached through DNS rebinding gets 421.
+  std::set<std::string> allowedHosts;
 };
 
 // What the next track or config request meets instead of (or before) normal handling.
@@ -90,16 +98,23 @@ class CollectorServer {
                                                 httplib::Response&);
   void serveRecorded(const httplib::Request& request, std::string_view body, httplib::Response& response,
                      BodyHandler handle);
-  std::size_t record(const httplib::Request& request, std::string_view body, int status);
+  // The record's number, by which its status is filled in later; nothing when nothing is recorded.
+  std::optional<std::uint64_t> record(const httplib::Request& request, std::string_view body, int status);
+  void registerTestControls();
+  bool hostAllowed(const httplib::Request& request) const;
 
-  // Wraps a test-control handler so that it answers only clients on this host.
-  httplib::Server::Handler local(std::function<void(const httplib::Request&, httplib::Response&)> handle);
+  // Wraps a test-control handler so that it answers only clients on this host, and, when `tokenNeeded`,
+  // only requests bearing the token (with a JSON body, for a POST: a page cannot send that cross-origin
+  // without asking first).
+  httplib::Server::Handler local(std::function<void(const httplib::Request&, httplib::Response&)> handle,
+                                 bool tokenNeeded = true);
 
   ServerSettings settings_;
   SessionDatabase& database_;
   LogLine log_;
   httplib::Server http_;
   int port_ = 0;
+  std::string boundHost_;  // lowercase
 
   // The player files as served, each compressed once: by file, with the file's time and size when read.
   struct Asset;
@@ -108,9 +123,11 @@ class CollectorServer {
   std::shared_ptr<const Asset> sessionScript_;
 
   std::mutex mutex_;
-  std::vector<RecordedRequest> requests_;  // guarded by mutex_
-  std::deque<Fault> faults_;               // guarded by mutex_
-  std::uint64_t resets_ = 0;               // guarded by mutex_; tells a handler its record was cleared
+  // The latest requests only, under test controls; recorded_ numbers them, so that a handler finds its
+  // record again (or learns that it is gone) once it has its status.
+  std::deque<RecordedRequest> requests_;  // guarded by mutex_
+  std::uint64_t recorded_ = 0;            // guarded by mutex_; how many were ever recorded
+  std::deque<Fault> faults_;              // guarded by mutex_
 };
 
 }  // namespace verdalune::sessionreplay::collector

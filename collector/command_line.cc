@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <limits>
 #include <optional>
@@ -44,6 +45,13 @@ Receives session replay blocks, stores them in SQLite, serves them back and play
   --assets DIR           node_modules folder holding rrweb-player, whose script and style the session
                          pages load (default )" +
          defaultAssetsDir() + R"()
+  --allowed-host NAME    answer requests for this host name too (repeatable); by default only
+                         localhost, 127.0.0.1, [::1] and the address a request arrived on are
+                         answered, others get 421, so that a web page cannot reach the collector
+                         through a DNS name rebound to it
+  --test-controls TOKEN  enable the test controls (/_control/*) for requests from this host that send
+                         "X-Test-Control-Token: TOKEN" (16 characters or more), and keep a record of
+                         the latest 1000 track and config requests for them; for test harnesses only
   --watch-stdin          stop when standard input reaches its end (ties the server to a parent process)
   --help                 print this text
 
@@ -58,8 +66,10 @@ Endpoints:
   GET  /sessions/DEVICE/SESSION[?api_key=KEY]        an HTML page playing the session
   GET  /                                             an HTML list of the sessions, linked to their pages
   GET  /player/rrweb-player.js   GET /player/style.css   the player's files, read from --assets
-  POST /_control/faults   GET /_control/requests   POST /_control/reset   (from this host only)
-  GET|POST /_control/moved/3XX/PATH    answers 3XX with Location /PATH (from this host only)
+With --test-controls, from this host only:
+  POST /_control/faults   GET /_control/requests   POST /_control/reset   (with the token; POSTs JSON)
+  GET|POST /_control/moved/3XX/PATH    answers 3XX with Location /PATH (no token: the client under test
+                                       follows it)
 )";
 }
 
@@ -105,6 +115,15 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
     } else if (option == "--assets") {
       if (value->empty()) return std::unexpected("--assets must not be empty");
       line.assetsDir = *value;
+    } else if (option == "--test-controls") {
+      if (value->size() < 16)
+        return std::unexpected("--test-controls takes a token of 16 characters or more");
+      line.testControlToken = *value;
+    } else if (option == "--allowed-host") {
+      if (value->empty()) return std::unexpected("--allowed-host must not be empty");
+      std::string host(*value);
+      for (char& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      line.allowedHosts.push_back(std::move(host));
     } else if (option == "--max-body-bytes") {
       const auto bytes = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
       if (!bytes) return std::unexpected("--max-body-bytes takes a positive number");

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <expected>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <variant>
@@ -24,6 +25,8 @@ struct CommandLine {
   std::size_t maxBlockBytes = 64 * 1024 * 1024;
   std::string assetsDir = defaultAssetsDir();  // node_modules, holding rrweb-player
   bool watchStdin = false;
+  std::optional<std::string> testControlToken;  // --test-controls: the routes exist only with it
+  std::vector<std::string> allowedHosts;        // lowercase
 };
 
 struct HelpRequested {};

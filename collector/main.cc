@@ -41,7 +41,9 @@ int main(int argc, char** argv) {
       .configs = {},
       .maxBodyBytes = options.maxBodyBytes,
       .inflateLimits = {.maxEventBytes = options.maxEventBytes, .maxBlockBytes = options.maxBlockBytes},
-      .assetsDir = options.assetsDir};
+      .assetsDir = options.assetsDir,
+      .testControlToken = options.testControlToken,
+      .allowedHosts = {options.allowedHosts.begin(), options.allowedHosts.end()}};
   for (const auto& [apiKey, file] : options.configFiles) {
     auto contents = readWholeFile(file);
     if (!contents) return fail("cannot read " + file + ": " + contents.error().message());

@@ -84,13 +84,14 @@ std::expected<FaultRequest, std::string> faultOf(const rapidjson::Value& value) 
     if (name == "status" && member.value.IsInt() && member.value.GetInt() >= 100 &&
         member.value.GetInt() <= 599) {
       fault.status = member.value.GetInt();
-    } else if (name == "delay_ms" && member.value.IsInt() && member.value.GetInt() >= 0) {
+    } else if (name == "delay_ms" && member.value.IsInt() && member.value.GetInt() >= 0 &&
+               member.value.GetInt() <= kMaxFaultDelayMs) {
       fault.delayMs = member.value.GetInt();
     } else if (name == "drop" && member.value.IsBool()) {
       fault.drop = member.value.GetBool();
     } else {
-      return std::unexpected("bad fault member \"" + std::string(name) +
-                             "\" (status 100-599, delay_ms >= 0, drop true/false)");
+      return std::unexpected("bad fault member \"" + std::string(name) + "\" (status 100-599, delay_ms 0-" +
+                             std::to_string(kMaxFaultDelayMs) + ", drop true/false)");
     }
   }
   return fault;

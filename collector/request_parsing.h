@@ -69,9 +69,11 @@ struct SessionEventsQuery {
 
 // One entry of the fault list the test controls take, [{"status":503},{"delay_ms":200,"drop":true}]:
 // each member optional, none other allowed.
+// A delay holds one of the server's worker threads, so it is bounded.
+inline constexpr int kMaxFaultDelayMs = 60'000;
 struct FaultRequest {
   int status = 0;   // 100-599, or 0 for none
-  int delayMs = 0;  // >= 0
+  int delayMs = 0;  // 0 to kMaxFaultDelayMs
   bool drop = false;
 };
 [[nodiscard]] std::expected<std::vector<FaultRequest>, std::string> parseFaults(std::string_view body);

@@ -30,6 +30,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -207,6 +208,14 @@ class DemoLogger final : public vdl::Logger {
 
 // ---- the collector ----
 
+// 32 hex digits from the system's random source, for the collector's credentials of this run.
+std::string randomToken() {
+  std::random_device random;
+  char token[33];
+  for (int i = 0; i < 4; ++i) std::snprintf(token + 8 * i, 9, "%08x", random());
+  return token;
+}
+
 // A vdl-collector child process on 127.0.0.1 with its database in a temporary folder. It reads its
 // standard input until it ends, and that pipe's write end stays here: however the demo ends, the
 // collector ends with it.
@@ -219,16 +228,12 @@ class Collector {
       return nullptr;
     }
     const std::filesystem::path folder = folderTemplate;
-    std::vector<std::string> arguments{VDL_COLLECTOR_PATH,
-                                       "--api-key",
-                                       kApiKey,
-                                       "--port",
-                                       std::to_string(port),
-                                       "--host",
-                                       "127.0.0.1",
-                                       "--db",
-                                       (folder / "sessions.sqlite3").string(),
-                                       "--watch-stdin"};
+    std::vector<std::string> arguments{VDL_COLLECTOR_PATH, "--api-key", kApiKey, "--port",
+                                       std::to_string(port), "--host", "127.0.0.1", "--db",
+                                       (folder / "sessions.sqlite3").string(), "--watch-stdin",
+                                       // The demo reads back what the collector received (--out, the
+                                       // upload numbers) through its request record.
+                                       "--test-controls", controlToken_};
     int lifeline[2];
     if (pipe2(lifeline, O_CLOEXEC) != 0) {
       std::fprintf(stderr, "vdl-demo: cannot make a pipe: %s\n", std::strerror(errno));
@@ -317,7 +322,7 @@ class Collector {
     httplib::Client client(host_, port_);
     client.set_connection_timeout(5s);
     client.set_read_timeout(30s);
-    const auto result = client.Get(path);
+    const auto result = client.Get(path, {{"X-Test-Control-Token", controlToken_}});
     if (!result || result->status != 200) return std::nullopt;
     return result->body;
   }
@@ -338,6 +343,7 @@ class Collector {
   std::filesystem::path folder_;
   std::string host_;
   int port_ = 0;
+  inline static const std::string controlToken_ = randomToken();
 };
 
 // ---- the main thread ----

@@ -11,9 +11,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -60,13 +62,14 @@ void stopProcess(pid_t pid, int lifeline, const std::filesystem::path& folder) {
 
 // One control exchange with the collector on paths this file has encoded already; throws unless it
 // answers 200 (or 404, when that is allowed).
-std::string exchange(int port, const std::string& method, const std::string& path,
-                     const std::string& body = "", bool allowNotFound = false) {
+std::string exchange(int port, const httplib::Headers& headers, const std::string& method,
+                     const std::string& path, const std::string& body = "", bool allowNotFound = false) {
   httplib::Client client("127.0.0.1", port);
   client.set_connection_timeout(5s);
   client.set_read_timeout(10s);
   client.set_url_encode(false);
-  const auto result = method == "GET" ? client.Get(path) : client.Post(path, body, "application/json");
+  const auto result =
+      method == "GET" ? client.Get(path, headers) : client.Post(path, headers, body, "application/json");
   if (result && result->status == 404 && allowNotFound) return "[]";
   if (result && result->status == 200) return result->body;
   throw std::runtime_error("vdl-collector: " + method + " " + path + ": " +
@@ -80,6 +83,14 @@ rapidjson::Document parseArray(const std::string& json) {
   if (document.HasParseError() || !document.IsArray())
     throw std::runtime_error("vdl-collector: not a JSON array: " + json);
   return document;
+}
+
+// 32 hex digits from the system's random source: a token no page could guess.
+std::string randomToken() {
+  std::random_device random;
+  char token[33];
+  for (int i = 0; i < 4; ++i) std::snprintf(token + 8 * i, 9, "%08x", random());
+  return token;
 }
 
 std::string stringOf(const rapidjson::Value& value) {
@@ -112,12 +123,15 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
     return nullptr;
   };
 
+  const std::string token = randomToken();
   std::vector<std::string> arguments{VDL_COLLECTOR_PATH,
                                      "--port",
                                      std::to_string(options.port.value_or(0)),
                                      "--db",
                                      (folder / "sessions.sqlite3").string(),
                                      "--watch-stdin"};
+  if (options.testControls) arguments.insert(arguments.end(), {"--test-controls", token});
+  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
   for (const auto& key : options.apiKeys) arguments.insert(arguments.end(), {"--api-key", key});
   for (const auto& [key, json] : options.configs) {
     const auto file = folder / ("config-" + std::to_string(arguments.size()) + ".json");
@@ -126,7 +140,6 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
   }
   if (options.maxBodyBytes)
     arguments.insert(arguments.end(), {"--max-body-bytes", std::to_string(*options.maxBodyBytes)});
-  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
 
   // The collector reads its standard input until it ends; the write end stays here (and only here:
   // close-on-exec), so the collector stops when this process ends, however it ends.
@@ -154,7 +167,7 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
     const std::string log = readLog(folder);
     if (log.starts_with(kListening) && log.find('\n') != std::string::npos) {
       const int port = std::atoi(log.c_str() + kListening.size());
-      return std::unique_ptr<CollectorProcess>(new CollectorProcess(pid, lifeline[1], folder, port));
+      return std::unique_ptr<CollectorProcess>(new CollectorProcess(pid, lifeline[1], folder, port, token));
     }
     int status = 0;
     if (waitpid(pid, &status, WNOHANG) == pid) {
@@ -188,6 +201,10 @@ std::string CollectorProcess::configUrl() const {
   return baseUrl() + "/config";
 }
 
+httplib::Headers CollectorProcess::controlHeaders() const {
+  return {{"X-Test-Control-Token", testControlToken_}};
+}
+
 std::string CollectorProcess::movedUrl(int status, const std::string& path) const {
   return baseUrl() + "/_control/moved/" + std::to_string(status) + path;
 }
@@ -207,12 +224,12 @@ void CollectorProcess::injectFaults(const std::vector<Fault>& faults) {
     }
     json += '}';
   }
-  exchange(port_, "POST", "/_control/faults", json + "]");
+  exchange(port_, controlHeaders(), "POST", "/_control/faults", json + "]");
 }
 
 std::vector<ReceivedRequest> CollectorProcess::requests() const {
   std::vector<ReceivedRequest> requests;
-  const auto document = parseArray(exchange(port_, "GET", "/_control/requests"));
+  const auto document = parseArray(exchange(port_, controlHeaders(), "GET", "/_control/requests"));
   for (const auto& entry : document.GetArray()) {
     std::vector<std::pair<std::string, std::string>> headers;
     for (const auto& header : entry["headers"].GetArray())
@@ -224,14 +241,14 @@ std::vector<ReceivedRequest> CollectorProcess::requests() const {
 }
 
 void CollectorProcess::reset() {
-  exchange(port_, "POST", "/_control/reset");
+  exchange(port_, controlHeaders(), "POST", "/_control/reset");
 }
 
 std::vector<std::string> CollectorProcess::sessionEvents(const std::string& deviceId,
                                                          std::int64_t sessionId) const {
   const std::string path = "/sessions/" + httplib::detail::encode_query_param(deviceId) + "/" +
                            std::to_string(sessionId) + "/events?as=text";
-  const auto document = parseArray(exchange(port_, "GET", path, "", true));
+  const auto document = parseArray(exchange(port_, {}, "GET", path, "", true));
   std::vector<std::string> events;
   for (const auto& event : document.GetArray()) events.push_back(stringOf(event));
   return events;

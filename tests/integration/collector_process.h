@@ -1,5 +1,6 @@
 #pragma once
 
+#include <httplib.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -44,11 +45,13 @@ class CollectorProcess {
  public:
   struct Options {
     std::vector<std::string> apiKeys{"test-key"};
-    std::map<std::string, std::string> configs;  // api key -> JSON text, written to temp files
-    std::optional<std::size_t> maxBodyBytes;
+    std::map<std::string, std::string> configs{};  // api key -> JSON text, written to temp files
+    std::optional<std::size_t> maxBodyBytes{};
     // A fixed port, for a collector that comes back where an earlier one was; a free one by default.
     std::optional<int> port{};
-    std::vector<std::string> arguments{};  // more command-line options
+    // Off: started without --test-controls, so the calls that use them throw.
+    bool testControls = true;
+    std::vector<std::string> arguments{};  // more options for the command line
   };
 
   // Starts the binary (path from the compile definition VDL_COLLECTOR_PATH) on `port` (a free one when
@@ -73,6 +76,8 @@ class CollectorProcess {
   std::string configUrl() const;  // baseUrl() + "/config"
   // An endpoint that answers `status` (a 3xx) with Location `path` and the query, recorded as a request.
   std::string movedUrl(int status, const std::string& path) const;
+  // What the test-control calls send: X-Test-Control-Token with this run's token.
+  httplib::Headers controlHeaders() const;
 
   // Appends to the faults pending; each later track or config request takes the first one left.
   void injectFaults(const std::vector<Fault>& faults);
@@ -84,13 +89,18 @@ class CollectorProcess {
   std::vector<std::string> sessionEvents(const std::string& deviceId, std::int64_t sessionId) const;
 
  private:
-  CollectorProcess(pid_t pid, int lifeline, std::filesystem::path folder, int port)
-      : pid_(pid), lifeline_(lifeline), folder_(std::move(folder)), port_(port) {}
+  CollectorProcess(pid_t pid, int lifeline, std::filesystem::path folder, int port, std::string token)
+      : pid_(pid),
+        lifeline_(lifeline),
+        folder_(std::move(folder)),
+        port_(port),
+        testControlToken_(std::move(token)) {}
 
   pid_t pid_;
   int lifeline_;  // the write end of the collector's standard input; closing it stops the collector
   std::filesystem::path folder_;
   int port_;
+  std::string testControlToken_;  // the collector runs with --test-controls and this
 };
 
 }  // namespace verdalune::sessionreplay::testing

@@ -218,9 +218,10 @@ TEST_F(CollectorTest, OneBadEventRejectsTheWholeBlock) {
 
 TEST_F(CollectorTest, AppliesFaultsInOrderToTrackAndConfigRequests) {
   // Lists it cannot apply are refused whole, leaving no fault behind.
-  for (const char* faults :
-       {R"([{"status":0}])", R"([{"delay":5}])", R"({"status":500})", R"([{"status":500},{"drop":"yes"}])"}) {
-    const auto result = client().Post("/_control/faults", faults, "application/json");
+  for (const char* faults : {R"([{"status":0}])", R"([{"delay":5}])", R"({"status":500})",
+                             R"([{"status":500},{"drop":"yes"}])", R"([{"delay_ms":60001}])"}) {
+    const auto result =
+        client().Post("/_control/faults", collector_->controlHeaders(), faults, "application/json");
     EXPECT_TRUE(result && result->status == 400) << faults;
   }
   collector_->injectFaults(
@@ -542,6 +543,49 @@ TEST(CollectorInflateLimits, RefusesEventsThatInflatePastTheirLimitsWithoutHoldi
                  status, answer);
   }
   EXPECT_LT(peakResidentBytes(collector->pid()), 50'000'000u);
+}
+
+// A page in any browser on this host can post to the collector, and a name it controls can be rebound to
+// 127.0.0.1: the test controls need their run's token and JSON, and other host names are not served.
+TEST_F(CollectorTest, ServesTestControlsOnlyToItsHarnessAndOnlyItsOwnHostNames) {
+  const auto post = [&](const httplib::Headers& headers, const char* type) {
+    const auto result = client().Post("/_control/faults", headers, R"([{"status":503}])", type);
+    return result ? result->status : 0;
+  };
+  EXPECT_EQ(post({}, "text/plain"), 403);
+  EXPECT_EQ(post({{"X-Test-Control-Token", "guessed-token-00000000"}}, "application/json"), 403);
+  EXPECT_EQ(post(collector_->controlHeaders(), "text/plain"), 415);
+  EXPECT_TRUE(collector_->requests().empty()) << "the refused lists left no fault behind";
+
+  const auto configFor = [&](const std::string& host) {
+    const auto result = client().Get("/config?api_key=test-key", {{"Host", host}});
+    return result ? result->status : 0;
+  };
+  const std::string port = ":" + std::to_string(collector_->port());
+  EXPECT_EQ(configFor("rebind.attacker.example" + port), 421);
+  EXPECT_EQ(configFor("127.0.0.1.attacker.example"), 421);
+  for (const std::string& host : {"LOCALHOST" + port, "127.0.0.1" + port, std::string("localhost")})
+    EXPECT_EQ(configFor(host), 200) << host;
+
+  auto plain =
+      CollectorProcess::start({.testControls = false, .arguments = {"--allowed-host", "Replay.Example"}});
+  ASSERT_NE(plain, nullptr);
+  httplib::Client other(plain->baseUrl());
+  for (const char* path : {"/_control/requests", "/_control/moved/307/config"})
+    EXPECT_EQ(other.Get(path)->status, 404) << path;
+  EXPECT_EQ(other.Post("/_control/faults", plain->controlHeaders(), "[]", "application/json")->status, 404);
+  EXPECT_EQ(other.Get("/config?api_key=test-key", {{"Host", "replay.example"}})->status, 200);
+}
+
+TEST_F(CollectorTest, RecordsOnlyTheLatestRequests) {
+  httplib::Client keepAlive(collector_->baseUrl());
+  keepAlive.set_keep_alive(true);
+  for (int i = 0; i <= 1000; ++i)
+    ASSERT_EQ(keepAlive.Get("/config?api_key=test-key&n=" + std::to_string(i))->status, 200);
+  const auto requests = collector_->requests();
+  ASSERT_EQ(requests.size(), 1000u);
+  EXPECT_EQ(requests.front().query, "api_key=test-key&n=1");
+  EXPECT_EQ(requests.back().status, 200);
 }
 
 TEST(CollectorProcessStart, ReportsACollectorThatCannotStart) {
