@@ -148,6 +148,34 @@ std::string forLog(std::string_view text) {
   return out;
 }
 
+constexpr std::string_view kReadCookie = "vdl_read";
+
+// Compares a secret without stopping at the first difference, so that timing tells nothing of it.
+bool sameSecret(std::string_view given, std::string_view secret) {
+  unsigned char difference = given.size() == secret.size() ? 0 : 1;
+  for (std::size_t i = 0; i < given.size(); ++i)
+    difference |= static_cast<unsigned char>(given[i] ^ secret[i % std::max<std::size_t>(secret.size(), 1)]);
+  return difference == 0;
+}
+
+std::optional<std::string_view> cookieValue(std::string_view header, std::string_view name) {
+  while (!header.empty()) {
+    const auto end = std::min(header.find(';'), header.size());
+    std::string_view pair = header.substr(0, end);
+    header.remove_prefix(std::min(end + 1, header.size()));
+    while (pair.starts_with(' ')) pair.remove_prefix(1);
+    if (pair.size() > name.size() && pair.starts_with(name) && pair[name.size()] == '=')
+      return pair.substr(name.size() + 1);
+  }
+  return std::nullopt;
+}
+
+// Where to go after signing in: a path on this server only, never another site.
+std::string localTarget(std::string_view next) {
+  return next.starts_with('/') && !next.starts_with("//") && !next.starts_with("/\\") ? std::string(next)
+                                                                                      : "/";
+}
+
 std::string lowercase(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
@@ -206,12 +234,12 @@ std::string describeSessions(const std::vector<SessionSummary>& sessions) {
     writer.beginArray();
     for (const auto& session : sessions) {
       writer.beginObject();
-      member(writer, "api_key", session.apiKey);
       member(writer, "block_count", session.blockCount);
       member(writer, "device_id", session.deviceId);
       member(writer, "event_count", session.eventCount);
       member(writer, "first_timestamp", session.firstTimestamp);
       member(writer, "last_timestamp", session.lastTimestamp);
+      member(writer, "project", projectOf(session.apiKey));
       member(writer, "session_id", session.sessionId);
       writer.endObject();
     }
@@ -326,16 +354,25 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
   http_.Get(kConfigPath, [this](const Request& request, Response& response) {
     serveRecorded(request, request.body, response, &CollectorServer::handleConfig);
   });
-  http_.Get("/sessions", [this](const Request&, Response& response) { handleSessions(response); });
+  http_.Get("/sessions",
+            readable([this](const Request&, Response& response) { handleSessions(response); }, false));
   // The device id is everything between "/sessions/" and the session id, slashes included: the path
   // arrives percent-decoded, so an encoded slash in a device id is a plain one here.
-  http_.Get(kSessionEventsRoute,
-            [this](const Request& request, Response& response) { handleSessionEvents(request, response); });
+  http_.Get(
+      kSessionEventsRoute,
+      readable([this](const Request& request, Response& response) { handleSessionEvents(request, response); },
+               false));
   // The page of a session. Its path ends in the session id, so it never takes an events path, which the
   // route above is tried for first anyway.
-  http_.Get(kSessionPageRoute,
-            [this](const Request& request, Response& response) { handleSessionPage(request, response); });
-  http_.Get("/", [this](const Request&, Response& response) { handleSessionList(response); });
+  http_.Get(kSessionPageRoute, readable([this](const Request& request,
+                                               Response& response) { handleSessionPage(request, response); },
+                                        true));
+  http_.Get("/", readable([this](const Request&, Response& response) { handleSessionList(response); }, true));
+  http_.Get("/signin", [](const Request& request, Response& response) {
+    answerHtml(response, 200, signInPage(request.get_param_value("next"), false));
+  });
+  http_.Post("/signin",
+             [this](const Request& request, Response& response) { handleSignIn(request, response); });
   http_.Get(std::string(kPlayerScriptPath), [this](const Request& request, Response& response) {
     handlePlayerAsset(request, response, "rrweb-player/dist/rrweb-player.umd.cjs",
                       "text/javascript; charset=utf-8");
@@ -469,6 +506,56 @@ bool CollectorServer::hostAllowed(const Request& request) const {
          host == bracketed(lowercase(request.local_addr)) || settings_.allowedHosts.contains(host);
 }
 
+bool CollectorServer::mayRead(const Request& request) const {
+  if (settings_.openReads) return true;
+  if (!settings_.readToken) return false;
+  if (const auto bearer = bearerKey(request); bearer && sameSecret(*bearer, *settings_.readToken))
+    return true;
+  const std::string cookies = request.get_header_value("Cookie");  // a copy, which the view below reads
+  const auto cookie = cookieValue(cookies, kReadCookie);
+  return cookie && sameSecret(*cookie, *settings_.readToken);
+}
+
+httplib::Server::Handler CollectorServer::readable(std::function<void(const Request&, Response&)> handle,
+                                                   bool page) {
+  return [this, handle = std::move(handle), page](const Request& request, Response& response) {
+    // A link with the token in it (the demo prints one) signs in and goes on to the same page without
+    // the token, so that it stays out of the address bar and the history.
+    const auto items = parseQuery(rawQuery(request));
+    const auto token = single(items, "token");
+    if (page && token && *token && settings_.readToken && sameSecret(**token, *settings_.readToken)) {
+      std::string rest;
+      for (const auto& [name, value] : items) {
+        if (name == "token") continue;
+        rest += (rest.empty() ? "?" : "&") + name + "=" + httplib::detail::encode_query_param(value);
+      }
+      // The path as it came, still percent-encoded: request.path is decoded.
+      return signIn(response, request.target.substr(0, request.target.find('?')) + rest);
+    }
+    if (mayRead(request)) return handle(request, response);
+    if (page) return answerHtml(response, 401, signInPage(request.target, false));
+    answerText(response, 401,
+               "reading sessions takes \"Authorization: Bearer READ_TOKEN\" (see --read-token)");
+  };
+}
+
+void CollectorServer::signIn(Response& response, const std::string& next) const {
+  response.set_header("Set-Cookie", std::string(kReadCookie) + "=" + *settings_.readToken +
+                                        "; Path=/; HttpOnly; SameSite=Strict");
+  response.set_header("Location", localTarget(next));
+  answerText(response, 303, "signed in");
+}
+
+void CollectorServer::handleSignIn(const Request& request, Response& response) {
+  const auto form = parseQuery(request.body);
+  const auto token = single(form, "token");
+  const auto next = single(form, "next");
+  const std::string target = next && *next ? **next : "/";
+  if (!settings_.readToken || !token || !*token || !sameSecret(**token, *settings_.readToken))
+    return answerHtml(response, 401, signInPage(target, true));
+  signIn(response, target);
+}
+
 std::optional<std::uint64_t> CollectorServer::record(const Request& request, std::string_view body,
                                                      int status) {
   if (!settings_.testControlToken) return std::nullopt;
@@ -592,16 +679,16 @@ void CollectorServer::handleSessionEvents(const Request& request, Response& resp
   const auto& [deviceId, sessionId] = *route;
   const auto query = sessionEventsQueryOf(parseQuery(rawQuery(request)));
   if (!query) return answerText(response, 400, query.error());
-  const auto& [wantedKey, asText] = *query;
+  const auto& [project, asText] = *query;
 
-  const auto keys = database_.apiKeysOfSession(deviceId, sessionId);
+  auto keys = database_.apiKeysOfSession(deviceId, sessionId);
   if (!keys) return answerText(response, 500, "cannot read the session: " + keys.error());
-  if (wantedKey ? std::find(keys->begin(), keys->end(), *wantedKey) == keys->end() : keys->empty())
-    return answerText(response, 404, "no such session");
-  if (!wantedKey && keys->size() > 1)
-    return answerText(response, 400, "the session is stored under several api keys; name one with api_key");
+  if (project) std::erase_if(*keys, [&](const std::string& key) { return projectOf(key) != *project; });
+  if (keys->empty()) return answerText(response, 404, "no such session");
+  if (keys->size() > 1)
+    return answerText(response, 400, "the session is stored under several projects; name one with project");
 
-  const auto events = database_.events(wantedKey.value_or(keys->front()), deviceId, sessionId);
+  const auto events = database_.events(keys->front(), deviceId, sessionId);
   if (!events) return answerText(response, 500, "cannot read the session: " + events.error());
   answerJson(response, 200, json([&](JsonWriter& writer) {
                writer.beginArray();
@@ -616,15 +703,15 @@ void CollectorServer::handleSessionPage(const Request& request, Response& respon
   const auto route = sessionRouteOf(request.matches[1].str(), request.matches[2].str());
   if (!route) return answerHtml(response, 400, messagePage("Bad session id", route.error()));
   const auto& [deviceId, sessionId] = *route;
-  const auto wantedKey = single(parseQuery(rawQuery(request)), "api_key");
-  if (!wantedKey) return answerHtml(response, 400, messagePage("Bad query", wantedKey.error()));
+  const auto project = single(parseQuery(rawQuery(request)), "project");
+  if (!project) return answerHtml(response, 400, messagePage("Bad query", project.error()));
 
   const auto sessions = database_.sessions();
   if (!sessions) return answerHtml(response, 500, messagePage("Cannot read the sessions", sessions.error()));
   std::vector<SessionSummary> matching;
   for (const auto& session : *sessions) {
     if (session.deviceId == deviceId && session.sessionId == sessionId &&
-        (!*wantedKey || session.apiKey == **wantedKey)) {
+        (!*project || projectOf(session.apiKey) == **project)) {
       matching.push_back(session);
     }
   }
@@ -633,7 +720,7 @@ void CollectorServer::handleSessionPage(const Request& request, Response& respon
                       messagePage("No such session", "No session " + std::to_string(sessionId) +
                                                          " of device " + deviceId + " is stored here."));
   }
-  // Two projects recorded the same ids: the list links each one under its api key.
+  // Two projects recorded the same ids: the list links each one under its project.
   if (matching.size() > 1) return answerHtml(response, 400, sessionListPage(matching));
 
   answerHtml(response, 200, sessionPage(matching.front()));

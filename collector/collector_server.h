@@ -37,6 +37,10 @@ struct ServerSettings {
   // Host names (Host header, without the port) the collector answers besides the loopback names and the
   // address a request arrived on; a page on another name reached through DNS rebinding gets 421.
   std::set<std::string> allowedHosts;
+  // What reading sessions takes: "Authorization: Bearer TOKEN", or the cookie that signing in with it
+  // sets. Without a token nothing reads, unless openReads (loopback demos only) lets everyone.
+  std::optional<std::string> readToken;
+  bool openReads = false;
 };
 
 // What the next track or config request meets instead of (or before) normal handling.
@@ -102,6 +106,14 @@ class CollectorServer {
   std::optional<std::uint64_t> record(const httplib::Request& request, std::string_view body, int status);
   void registerTestControls();
   bool hostAllowed(const httplib::Request& request) const;
+  bool mayRead(const httplib::Request& request) const;
+  // Wraps a read route: a request without the read credential gets 401 (a page offering to sign in,
+  // for `page` routes), and one whose query brings the right token= is signed in and sent on without it.
+  httplib::Server::Handler readable(std::function<void(const httplib::Request&, httplib::Response&)> handle,
+                                    bool page);
+  void handleSignIn(const httplib::Request& request, httplib::Response& response);
+  // Sets the read cookie and sends the browser on to `next`, a path on this server.
+  void signIn(httplib::Response& response, const std::string& next) const;
 
   // Wraps a test-control handler so that it answers only clients on this host, and, when `tokenNeeded`,
   // only requests bearing the token (with a JSON body, for a POST: a page cannot send that cross-origin

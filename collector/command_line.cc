@@ -45,6 +45,12 @@ Receives session replay blocks, stores them in SQLite, serves them back and play
   --assets DIR           node_modules folder holding rrweb-player, whose script and style the session
                          pages load (default )" +
          defaultAssetsDir() + R"()
+  --read-token TOKEN     what reading sessions takes (16 characters or more): "Authorization: Bearer
+                         TOKEN", or the cookie that signing in at /signin sets (a link to a page with
+                         ?token=TOKEN signs in too). Without it, and without --open-reads, the pages and
+                         read-back endpoints answer 401 to everyone; upload keys never read
+  --open-reads           let anyone who reaches the collector read every session, for demos on a
+                         loopback --host only
   --allowed-host NAME    answer requests for this host name too (repeatable); by default only
                          localhost, 127.0.0.1, [::1] and the address a request arrived on are
                          answered, others get 421, so that a web page cannot reach the collector
@@ -61,10 +67,12 @@ SIGINT and SIGTERM stop it.
 Endpoints:
   POST /sessions/v2/track?device_id=&session_id=&seq_number=&mobile_translation=
   GET  /config?api_key=KEY
+With the read credential (projects are named by the first 8 hex digits of their key's SHA-256):
   GET  /sessions
-  GET  /sessions/DEVICE/SESSION/events[?api_key=KEY][&as=text]
-  GET  /sessions/DEVICE/SESSION[?api_key=KEY]        an HTML page playing the session
+  GET  /sessions/DEVICE/SESSION/events[?project=P][&as=text]
+  GET  /sessions/DEVICE/SESSION[?project=P]          an HTML page playing the session
   GET  /                                             an HTML list of the sessions, linked to their pages
+  GET|POST /signin                                   sets the read cookie from the read token
   GET  /player/rrweb-player.js   GET /player/style.css   the player's files, read from --assets
 With --test-controls, from this host only:
   POST /_control/faults   GET /_control/requests   POST /_control/reset   (with the token; POSTs JSON)
@@ -81,6 +89,10 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
     if (option == "--help" || option == "-h") return HelpRequested{};
     if (option == "--watch-stdin") {
       line.watchStdin = true;
+      continue;
+    }
+    if (option == "--open-reads") {
+      line.openReads = true;
       continue;
     }
 
@@ -119,6 +131,15 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
       if (value->size() < 16)
         return std::unexpected("--test-controls takes a token of 16 characters or more");
       line.testControlToken = *value;
+    } else if (option == "--read-token") {
+      if (value->size() < 16) return std::unexpected("--read-token takes a token of 16 characters or more");
+      // It goes out as a cookie value, which has no room for separators, quotes or spaces.
+      if (std::ranges::any_of(
+              *value, [](char c) { return c <= ' ' || c > '~' || std::string_view("\",;\\").contains(c); }))
+        return std::unexpected(
+            "--read-token takes printable characters other than spaces, quotes, commas, "
+            "semicolons and backslashes");
+      line.readToken = *value;
     } else if (option == "--allowed-host") {
       if (value->empty()) return std::unexpected("--allowed-host must not be empty");
       std::string host(*value);
@@ -138,6 +159,9 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
   }
 
   if (line.apiKeys.empty()) return std::unexpected("give at least one --api-key");
+  const bool loopback = line.host == "localhost" || line.host == "::1" || line.host.starts_with("127.");
+  if (line.openReads && !loopback)
+    return std::unexpected("--open-reads lets anyone read every session, so it needs a loopback --host");
   for (const auto& [key, file] : line.configFiles) {
     if (std::find(line.apiKeys.begin(), line.apiKeys.end(), key) == line.apiKeys.end())
       return std::unexpected("--config names " + key + ", which is not an --api-key");

@@ -27,6 +27,8 @@ struct CommandLine {
   bool watchStdin = false;
   std::optional<std::string> testControlToken;  // --test-controls: the routes exist only with it
   std::vector<std::string> allowedHosts;        // lowercase
+  std::optional<std::string> readToken;
+  bool openReads = false;  // only on a loopback address
 };
 
 struct HelpRequested {};

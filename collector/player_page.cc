@@ -1,5 +1,7 @@
 #include "player_page.h"
 
+#include <openssl/evp.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -28,8 +30,8 @@ std::string durationOf(const SessionSummary& session) {
   return formatDuration(*session.lastTimestamp - *session.firstTimestamp);
 }
 
-std::string apiKeyQuery(const SessionSummary& session) {
-  return "?api_key=" + percentEncode(session.apiKey, false);
+std::string projectQuery(const SessionSummary& session) {
+  return "?project=" + projectOf(session.apiKey);
 }
 
 std::string pageStart(std::string_view title, std::string_view head = {}) {
@@ -132,10 +134,23 @@ std::string formatDuration(std::int64_t milliseconds) {
   return std::to_string(seconds / 3600) + " h " + minutesText;
 }
 
+std::string projectOf(std::string_view apiKey) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  EVP_Digest(apiKey.data(), apiKey.size(), digest, &length, EVP_sha256(), nullptr);
+  std::string label;
+  for (int i = 0; i < 4; ++i) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    label += kHex[digest[i] >> 4];
+    label += kHex[digest[i] & 0xF];
+  }
+  return label;
+}
+
 std::string sessionPage(const SessionSummary& session) {
   const std::string sessionId = std::to_string(session.sessionId);
   const std::string eventsUrl =
-      sessionPagePath(session.deviceId, session.sessionId) + "/events" + apiKeyQuery(session);
+      sessionPagePath(session.deviceId, session.sessionId) + "/events" + projectQuery(session);
   std::string page = pageStart("Session " + sessionId + " of " + session.deviceId,
                                "<link rel=\"stylesheet\" href=\"" + std::string(kPlayerStylePath) + "\">\n");
   page += "<p><a href=\"/\">All sessions</a></p>\n<dl>\n";
@@ -154,14 +169,24 @@ std::string sessionListPage(std::span<const SessionSummary> sessions) {
   std::string page = pageStart("Sessions") + "<h1>Sessions</h1>\n";
   if (sessions.empty()) return page + "<p>No sessions yet.</p>\n" + std::string(kPageEnd);
   page +=
-      "<table>\n<tr><th>Device</th><th>Session</th><th>Api key</th><th>Events</th><th>Duration</th></tr>\n";
+      "<table>\n<tr><th>Device</th><th>Session</th><th>Project</th><th>Events</th><th>Duration</th></tr>\n";
   for (const auto& session : sessions) {
-    const std::string link = sessionPagePath(session.deviceId, session.sessionId) + apiKeyQuery(session);
+    const std::string link = sessionPagePath(session.deviceId, session.sessionId) + projectQuery(session);
     page += "<tr><td>" + escapeHtml(session.deviceId) + "</td><td><a href=\"" + escapeHtml(link) + "\">" +
-            std::to_string(session.sessionId) + "</a></td><td>" + escapeHtml(session.apiKey) + "</td><td>" +
+            std::to_string(session.sessionId) + "</a></td><td>" + projectOf(session.apiKey) + "</td><td>" +
             std::to_string(session.eventCount) + "</td><td>" + durationOf(session) + "</td></tr>\n";
   }
   return page + "</table>\n" + std::string(kPageEnd);
+}
+
+std::string signInPage(std::string_view next, bool refused) {
+  return pageStart("Sign in") + "<h1>Sign in</h1>\n<p>" +
+         (refused ? "That is not the read token." : "Reading sessions here takes the read token.") +
+         "</p>\n<form method=\"post\" action=\"/signin\">\n<input type=\"hidden\" name=\"next\" value=\"" +
+         escapeHtml(next) +
+         "\">\n<label>Read token <input type=\"password\" name=\"token\" autocomplete=\"current-password\" "
+         "autofocus></label>\n<button>Sign in</button>\n</form>\n" +
+         std::string(kPageEnd);
 }
 
 std::string messagePage(std::string_view title, std::string_view message) {

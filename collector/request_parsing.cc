@@ -205,11 +205,11 @@ std::expected<SessionRoute, std::string> sessionRouteOf(std::string_view deviceI
 }
 
 std::expected<SessionEventsQuery, std::string> sessionEventsQueryOf(const QueryItems& query) {
-  auto apiKey = single(query, "api_key");
-  if (!apiKey) return std::unexpected(apiKey.error());
+  auto project = single(query, "project");
+  if (!project) return std::unexpected(project.error());
   const auto form = single(query, "as");
   if (!form) return std::unexpected(form.error());
-  return SessionEventsQuery{std::move(*apiKey), *form == "text"};
+  return SessionEventsQuery{std::move(*project), *form == "text"};
 }
 
 std::expected<std::vector<FaultRequest>, std::string> parseFaults(std::string_view body) {

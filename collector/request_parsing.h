@@ -59,10 +59,10 @@ inline constexpr const char* kSessionPageRoute = R"(/sessions/(.+)/(-?[0-9]+))";
 [[nodiscard]] std::expected<SessionRoute, std::string> sessionRouteOf(std::string_view deviceId,
                                                                       std::string_view sessionText);
 
-// The query of the session events route: the api key to read the session under (needed only when
+// The query of the session events route: the project to read the session under (needed only when
 // several projects stored the same session) and whether the events go out as strings ("as=text").
 struct SessionEventsQuery {
-  std::optional<std::string> apiKey;
+  std::optional<std::string> project;  // as the pages name it
   bool asText = false;
 };
 [[nodiscard]] std::expected<SessionEventsQuery, std::string> sessionEventsQueryOf(const QueryItems& query);

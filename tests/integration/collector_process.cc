@@ -131,6 +131,8 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
                                      (folder / "sessions.sqlite3").string(),
                                      "--watch-stdin"};
   if (options.testControls) arguments.insert(arguments.end(), {"--test-controls", token});
+  const std::string readToken = randomToken();
+  arguments.insert(arguments.end(), {"--read-token", readToken});
   arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
   for (const auto& key : options.apiKeys) arguments.insert(arguments.end(), {"--api-key", key});
   for (const auto& [key, json] : options.configs) {
@@ -167,7 +169,8 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
     const std::string log = readLog(folder);
     if (log.starts_with(kListening) && log.find('\n') != std::string::npos) {
       const int port = std::atoi(log.c_str() + kListening.size());
-      return std::unique_ptr<CollectorProcess>(new CollectorProcess(pid, lifeline[1], folder, port, token));
+      return std::unique_ptr<CollectorProcess>(
+          new CollectorProcess(pid, lifeline[1], folder, port, token, readToken));
     }
     int status = 0;
     if (waitpid(pid, &status, WNOHANG) == pid) {
@@ -199,6 +202,10 @@ std::string CollectorProcess::trackUrl() const {
 }
 std::string CollectorProcess::configUrl() const {
   return baseUrl() + "/config";
+}
+
+httplib::Headers CollectorProcess::readHeaders() const {
+  return {{"Authorization", "Bearer " + readToken_}};
 }
 
 httplib::Headers CollectorProcess::controlHeaders() const {
@@ -248,7 +255,7 @@ std::vector<std::string> CollectorProcess::sessionEvents(const std::string& devi
                                                          std::int64_t sessionId) const {
   const std::string path = "/sessions/" + httplib::detail::encode_query_param(deviceId) + "/" +
                            std::to_string(sessionId) + "/events?as=text";
-  const auto document = parseArray(exchange(port_, {}, "GET", path, "", true));
+  const auto document = parseArray(exchange(port_, readHeaders(), "GET", path, "", true));
   std::vector<std::string> events;
   for (const auto& event : document.GetArray()) events.push_back(stringOf(event));
   return events;

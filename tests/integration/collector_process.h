@@ -76,6 +76,9 @@ class CollectorProcess {
   std::string configUrl() const;  // baseUrl() + "/config"
   // An endpoint that answers `status` (a 3xx) with Location `path` and the query, recorded as a request.
   std::string movedUrl(int status, const std::string& path) const;
+  // What reading sessions takes: the read token this run started the collector with, as a bearer value.
+  const std::string& readToken() const { return readToken_; }
+  httplib::Headers readHeaders() const;
   // What the test-control calls send: X-Test-Control-Token with this run's token.
   httplib::Headers controlHeaders() const;
 
@@ -89,18 +92,21 @@ class CollectorProcess {
   std::vector<std::string> sessionEvents(const std::string& deviceId, std::int64_t sessionId) const;
 
  private:
-  CollectorProcess(pid_t pid, int lifeline, std::filesystem::path folder, int port, std::string token)
+  CollectorProcess(pid_t pid, int lifeline, std::filesystem::path folder, int port, std::string token,
+                   std::string readToken)
       : pid_(pid),
         lifeline_(lifeline),
         folder_(std::move(folder)),
         port_(port),
-        testControlToken_(std::move(token)) {}
+        testControlToken_(std::move(token)),
+        readToken_(std::move(readToken)) {}
 
   pid_t pid_;
   int lifeline_;  // the write end of the collector's standard input; closing it stops the collector
   std::filesystem::path folder_;
   int port_;
   std::string testControlToken_;  // the collector runs with --test-controls and this
+  std::string readToken_;         // and with --read-token and this
 };
 
 }  // namespace verdalune::sessionreplay::testing

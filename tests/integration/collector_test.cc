@@ -104,7 +104,11 @@ class CollectorTest : public ::testing::Test {
     return client().Post("/sessions/v2/track?" + query, headers, body, contentType.c_str());
   }
 
-  httplib::Result get(const std::string& path) const { return client().Get(path); }
+  // With the read cookie, as a browser that signed in sends it; a bearer value would be taken for an
+  // api key on /config.
+  httplib::Result get(const std::string& path) const {
+    return client().Get(path, {{"Cookie", "vdl_read=" + collector_->readToken()}});
+  }
 
   std::unique_ptr<CollectorProcess> collector_;
 };
@@ -178,16 +182,16 @@ TEST_F(CollectorTest, StoresEachBlockOnceAndServesTheEventsInTimestampOrder) {
   expectAnswer(get("/sessions/device/7/events"), 200,
                "[" + d.json + "," + b.json + "," + c.json + "," + a.json + "]");
   expectAnswer(get("/sessions"), 200,
-               R"([{"api_key":"test-key","block_count":2,"device_id":"device","event_count":4,)"
-               R"("first_timestamp":50,"last_timestamp":200,"session_id":7}])");
+               R"([{"block_count":2,"device_id":"device","event_count":4,)"
+               R"("first_timestamp":50,"last_timestamp":200,"project":"62af8704","session_id":7}])");
   EXPECT_TRUE(collector_->sessionEvents("device", 8).empty());
   EXPECT_TRUE(collector_->sessionEvents("other-device", 7).empty());
 
   // The same block identity under another api key is another project's block.
   expectAnswer(post(first, trackBody({a.literal}), "other-key"), 200, kStored);
   expectAnswer(get("/sessions/device/7/events"), 400,
-               "the session is stored under several api keys; name one with api_key\n");
-  expectAnswer(get("/sessions/device/7/events?api_key=other-key"), 200, "[" + a.json + "]");
+               "the session is stored under several projects; name one with project\n");
+  expectAnswer(get("/sessions/device/7/events?project=580843d0"), 200, "[" + a.json + "]");
 
   // '+' is a plain character in these queries, and a device id may hold any character.
   expectAnswer(
@@ -281,13 +285,66 @@ TEST_F(CollectorTest, ServesASessionPageThatLoadsThePlayerAndTheEvents) {
   EXPECT_THAT(page->body, HasSubstr(R"(<script src="/player/rrweb-player.js">)"));
   EXPECT_THAT(page->body, HasSubstr(R"(href="/player/style.css")"));
   // The address the page fetches its events from answers them.
-  const std::string eventsUrl = "/sessions/a/%3Cb%3E%26%22/5/events?api_key=test-key";
+  const std::string eventsUrl = "/sessions/a/%3Cb%3E%26%22/5/events?project=62af8704";
   EXPECT_THAT(page->body, HasSubstr("data-events-url=\"" + eventsUrl + "\""));
   expectAnswer(get(eventsUrl), 200, "[" + meta.json + "," + last.json + "]");
 
   const auto index = get("/");
   ASSERT_TRUE(index);
-  EXPECT_THAT(index->body, HasSubstr(R"(href="/sessions/a/%3Cb%3E%26%22/5?api_key=test-key")"));
+  EXPECT_THAT(index->body, HasSubstr(R"(href="/sessions/a/%3Cb%3E%26%22/5?project=62af8704")"));
+}
+
+// Recordings are pictures of people's screens: only the read token reads them, and the upload keys,
+// which a phone app gives away, neither read nor show.
+TEST_F(CollectorTest, ReadsOnlyWithTheReadTokenAndNeverShowsUploadKeys) {
+  expectAnswer(post(trackQuery("device", 7, 0), trackBody({pack(customEvent(1, "a")).literal})), 200,
+               kStored);
+  const std::string token = collector_->readToken();
+  const auto status = [&](const std::string& path, const httplib::Headers& headers) {
+    const auto result = client().Get(path, headers);
+    return result ? result->status : 0;
+  };
+  for (const char* path : {"/", "/sessions", "/sessions/device/7", "/sessions/device/7/events"}) {
+    for (const httplib::Headers& headers :
+         std::vector<httplib::Headers>{{},
+                                       {{"Authorization", "Bearer test-key"}},
+                                       {{"Authorization", "Bearer " + token + "x"}},
+                                       {{"Cookie", "vdl_read=" + token.substr(1)}},
+                                       {{"Cookie", "other=" + token}}}) {
+      EXPECT_EQ(status(path, headers), 401) << path << " " << headers.begin()->second;
+    }
+    EXPECT_EQ(status(path, collector_->readHeaders()), 200) << path;
+    const auto answer = get(path);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 200) << path;
+    EXPECT_THAT(answer->body, ::testing::Not(HasSubstr("test-key"))) << path;
+  }
+  EXPECT_THAT(get("/")->body, HasSubstr("62af8704"));
+  EXPECT_EQ(status("/?token=wrong-token-0000000000", {}), 401);
+
+  // A link with the token signs in, and goes on to the same page without it.
+  const auto link = client().Get("/sessions/device/7?project=62af8704&token=" + token);
+  ASSERT_TRUE(link);
+  EXPECT_EQ(link->status, 303);
+  EXPECT_EQ(link->get_header_value("Location"), "/sessions/device/7?project=62af8704");
+  const std::string cookie = link->get_header_value("Set-Cookie");
+  EXPECT_THAT(cookie, ::testing::StartsWith("vdl_read=" + token + ";"));
+  EXPECT_THAT(cookie, HasSubstr("HttpOnly"));
+  EXPECT_EQ(status(link->get_header_value("Location"), {{"Cookie", cookie.substr(0, cookie.find(';'))}}),
+            200);
+  // The form does too, and sends a browser nowhere but this server.
+  const auto form = client().Post("/signin", "token=" + token + "&next=%2F%2Fevil.example%2F",
+                                  "application/x-www-form-urlencoded");
+  ASSERT_TRUE(form);
+  EXPECT_EQ(form->status, 303);
+  EXPECT_EQ(form->get_header_value("Location"), "/");
+  EXPECT_EQ(client().Post("/signin", "token=test-key", "application/x-www-form-urlencoded")->status, 401);
+
+  // Open reads are for a demo on this host only.
+  EXPECT_EQ(CollectorProcess::start({.arguments = {"--host", "0.0.0.0", "--open-reads"}}), nullptr);
+  auto open = CollectorProcess::start({.arguments = {"--open-reads"}});
+  ASSERT_NE(open, nullptr);
+  EXPECT_EQ(httplib::Client(open->baseUrl()).Get("/sessions")->status, 200);
 }
 
 TEST_F(CollectorTest, ServesThePlayerFilesAndAnswersUnknownSessionsWithNotFound) {
@@ -304,7 +361,7 @@ TEST_F(CollectorTest, ServesThePlayerFilesAndAnswersUnknownSessionsWithNotFound)
   expectAnswer(post(trackQuery("device", 7, 0), trackBody({pack(customEvent(1, "a")).literal})), 200,
                kStored);
   for (const char* path :
-       {"/sessions/device/8", "/sessions/other/7", "/sessions/device/7?api_key=other-key"}) {
+       {"/sessions/device/8", "/sessions/other/7", "/sessions/device/7?project=580843d0"}) {
     const auto missing = get(path);
     ASSERT_TRUE(missing) << path;
     EXPECT_EQ(missing->status, 404) << path;
@@ -323,10 +380,10 @@ TEST_F(CollectorTest, KeepsItsFilesToItsUserAndServesPagesWithProtectiveHeaders)
   }
 
   // Every answer tells browsers not to guess types; pages also allow only scripts from the collector
-  // itself (no inline ones) and send no referrer, which would carry api keys in its query.
-  const std::string sessionPage = "/sessions/device/9?api_key=test-key";
-  for (const char* path : {"/", sessionPage.c_str(), "/sessions/device/8", "/sessions", "/no-such-path",
-                           "/player/rrweb-player.js", "/player/session.js"}) {
+  // itself (no inline ones) and send no referrer, which would carry a sign-in token in its query.
+  const std::string sessionPage = "/sessions/device/9?project=62af8704";
+  for (const char* path : {"/", "/signin", sessionPage.c_str(), "/sessions/device/8", "/sessions",
+                           "/no-such-path", "/player/rrweb-player.js", "/player/session.js"}) {
     const auto answer = get(path);
     ASSERT_TRUE(answer) << path;
     EXPECT_EQ(answer->get_header_value("X-Content-Type-Options"), "nosniff") << path;
