@@ -233,7 +233,11 @@ class Collector {
                                        (folder / "sessions.sqlite3").string(), "--watch-stdin",
                                        // The demo reads back what the collector received (--out, the
                                        // upload numbers) through its request record.
-                                       "--test-controls", controlToken_};
+                                       "--test-controls", controlToken_,
+                                       // Not --open-reads: the collector keeps serving until Ctrl-C,
+                                       // and anyone else on this machine could read the recording. The
+                                       // replay link carries the token, and signs its browser in.
+                                       "--read-token", readToken_};
     int lifeline[2];
     if (pipe2(lifeline, O_CLOEXEC) != 0) {
       std::fprintf(stderr, "vdl-demo: cannot make a pipe: %s\n", std::strerror(errno));
@@ -316,13 +320,16 @@ class Collector {
   }
 
   std::string baseUrl() const { return "http://" + host_ + ":" + std::to_string(port_); }
+  // The page of a path on the collector, with the read token that signs a browser in.
+  std::string signedInUrl(const std::string& path) const { return baseUrl() + path + "?token=" + readToken_; }
 
   // The body of a GET answered 200; nothing otherwise.
   std::optional<std::string> get(const std::string& path) const {
     httplib::Client client(host_, port_);
     client.set_connection_timeout(5s);
     client.set_read_timeout(30s);
-    const auto result = client.Get(path, {{"X-Test-Control-Token", controlToken_}});
+    const auto result = client.Get(
+        path, {{"X-Test-Control-Token", controlToken_}, {"Authorization", "Bearer " + readToken_}});
     if (!result || result->status != 200) return std::nullopt;
     return result->body;
   }
@@ -344,6 +351,7 @@ class Collector {
   std::string host_;
   int port_ = 0;
   inline static const std::string controlToken_ = randomToken();
+  inline static const std::string readToken_ = randomToken();
 };
 
 // ---- the main thread ----
@@ -942,7 +950,7 @@ bool writeReceived(const std::filesystem::path& out, const Collector& collector,
   const std::string demo = std::string("{\n") + "  \"apiKey\": " + jsonString(kApiKey) + ",\n" +
                            "  \"deviceId\": " + jsonString(kDeviceId) + ",\n" +
                            "  \"sessionId\": " + std::to_string(sessionId) + ",\n" +
-                           "  \"replayUrl\": " + jsonString(collector.baseUrl() + session) + ",\n" +
+                           "  \"replayUrl\": " + jsonString(collector.signedInUrl(session)) + ",\n" +
                            "  \"secrets\": [" + jsonString(kPassword) + ", " + jsonString(kOneTimeCode) +
                            "],\n" + "  \"secretColor\": " + jsonColor(kSecretTextColor) + ",\n" +
                            "  \"brandColor\": " + jsonColor(kBrandColor) + ",\n" +
@@ -1040,8 +1048,9 @@ int main(int argc, char** argv) {
           ? std::max<double>(1, static_cast<double>(*numbers->lastTimestamp - *numbers->firstTimestamp)) /
                 60000
           : arguments->seconds / 60;
-  std::printf("replay: %s/sessions/%s/%lld\n", collector->baseUrl().c_str(), kDeviceId,
-              static_cast<long long>(sessionId));
+  std::printf("replay: %s\n",
+              collector->signedInUrl("/sessions/" + std::string(kDeviceId) + "/" + std::to_string(sessionId))
+                  .c_str());
   std::printf(
       "recorded %.1f s: %lld events in %lld blocks, %s uploaded in %lld requests (%s per minute of "
       "recording)\n",

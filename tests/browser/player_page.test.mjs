@@ -5,6 +5,7 @@
 //   VDL_COLLECTOR_BIN   vdl-collector (without it this file is skipped)
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
+import { randomBytes } from 'node:crypto';
 import { mkdtemp, readFile, rm } from 'node:fs/promises';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
@@ -18,12 +19,13 @@ const collectorBin = process.env.VDL_COLLECTOR_BIN;
 
 let folder;
 let collector;
+const readToken = randomBytes(16).toString('hex');
 let baseUrl;
 let browser;
 before(async () => {
   if (!collectorBin) return;
   folder = await mkdtemp(path.join(tmpdir(), 'vdl-player-page-'));
-  collector = spawn(collectorBin, ['--api-key', 'page-key', '--db', path.join(folder, 'db.sqlite3'), '--watch-stdin'],
+  collector = spawn(collectorBin, ['--api-key', 'page-key', '--read-token', readToken, '--db', path.join(folder, 'db.sqlite3'), '--watch-stdin'],
     { stdio: ['pipe', 'pipe', 'inherit'] });
   baseUrl = await new Promise((resolve, reject) => {
     let output = '';
@@ -59,7 +61,9 @@ test('the session page plays an uploaded session in rrweb-player',
       if (message.type() === 'error') problems.push(`console error: ${message.text()}`);
     });
     page.on('requestfailed', (request) => problems.push(`request failed: ${request.url()}`));
-    await page.goto(`${baseUrl}/sessions/phone/1/9`);
+    // The link signs the browser in (a cookie) and lands on the page, whose events fetch sends the cookie.
+    await page.goto(`${baseUrl}/sessions/phone/1/9?token=${readToken}`);
+    assert.equal(new URL(page.url()).search, '');
     await page.waitForSelector('body[data-state]', { timeout: 5000 });
 
     if (await page.getAttribute('body', 'data-state') !== 'playing') assert.fail(await page.textContent('#status'));
