@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "connection_guard.h"
 #include "session_database.h"
 #include "track_body.h"
 
@@ -37,6 +38,7 @@ struct ServerSettings {
   // Host names (Host header, without the port) the collector answers besides the loopback names and the
   // address a request arrived on; a page on another name reached through DNS rebinding gets 421.
   std::set<std::string> allowedHosts;
+  ConnectionLimits connectionLimits;
 };
 
 // What the next track or config request meets instead of (or before) normal handling.
@@ -113,6 +115,7 @@ class CollectorServer {
   SessionDatabase& database_;
   LogLine log_;
   httplib::Server http_;
+  ConnectionGuard guard_;
   int port_ = 0;
   std::string boundHost_;  // lowercase
 

@@ -27,6 +27,9 @@ struct CommandLine {
   bool watchStdin = false;
   std::optional<std::string> testControlToken;  // --test-controls: the routes exist only with it
   std::vector<std::string> allowedHosts;        // lowercase
+  int headerDeadlineSeconds = 20;
+  std::size_t maxConnectionsPerClient = 16;
+  std::size_t minBodyBytesPerSecond = 1024;
 };
 
 struct HelpRequested {};

@@ -43,7 +43,10 @@ int main(int argc, char** argv) {
       .inflateLimits = {.maxEventBytes = options.maxEventBytes, .maxBlockBytes = options.maxBlockBytes},
       .assetsDir = options.assetsDir,
       .testControlToken = options.testControlToken,
-      .allowedHosts = {options.allowedHosts.begin(), options.allowedHosts.end()}};
+      .allowedHosts = {options.allowedHosts.begin(), options.allowedHosts.end()},
+      .connectionLimits = {.headerDeadline = std::chrono::seconds(options.headerDeadlineSeconds),
+                           .maxConnectionsPerClient = options.maxConnectionsPerClient,
+                           .minBodyBytesPerSecond = options.minBodyBytesPerSecond}};
   for (const auto& [apiKey, file] : options.configFiles) {
     auto contents = readWholeFile(file);
     if (!contents) return fail("cannot read " + file + ": " + contents.error().message());
