@@ -131,8 +131,12 @@ void ConnectionGuard::watch(int localPort) {
       Connection connection =
           known && (known.mapped().descriptor == -1 || known.mapped().descriptor == peer.descriptor)
               ? std::move(known.mapped())
-              : Connection{
-                    .descriptor = -1, .opened = now, .waitingSince = now, .busy = false, .bodyDeadline = {}};
+              : Connection{.descriptor = -1,
+                           .opened = now,
+                           .waitingSince = now,
+                           .busy = false,
+                           .bodyDeadline = {},
+                           .cut = false};
       connection.descriptor = peer.descriptor;
       current.emplace(key, std::move(connection));
     }
@@ -147,6 +151,7 @@ void ConnectionGuard::watch(int localPort) {
     std::map<std::string, std::size_t> countByAddress;
     for (const auto& peer : peers) {
       const Connection& connection = connections_.at(keyOf(peer.address, peer.port));
+      if (connection.cut) continue;
       ++countByAddress[peer.address];
       if (!connection.busy && now - connection.waitingSince > limits_.headerDeadline) {
         cuts.push_back({peer, "its request headers took too long"});
@@ -168,7 +173,7 @@ void ConnectionGuard::watch(int localPort) {
         cuts.push_back({peer, "its client holds too many connections"});
       }
     }
-    for (const auto& cut : cuts) connections_.erase(keyOf(cut.peer.address, cut.peer.port));
+    for (const auto& cut : cuts) connections_.at(keyOf(cut.peer.address, cut.peer.port)).cut = true;
     lock.unlock();
 
     for (const auto& [peer, reason] : cuts) {

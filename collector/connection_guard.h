@@ -65,6 +65,9 @@ class ConnectionGuard {
     Clock::time_point waitingSince;  // for its next request's headers, when not busy
     bool busy = false;               // between the end of a request's headers and the end of its answer
     std::optional<Clock::time_point> bodyDeadline;  // for a body the library reads
+    // Shut down, but still open until the worker holding it (or the next free one, for a connection
+    // still queued) sees that: no longer counted, and not cut again.
+    bool cut = false;
   };
 
   void watch(int localPort);
