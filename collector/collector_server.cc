@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <chrono>
@@ -37,6 +38,7 @@ constexpr int kDroppedStatus = 444;
 constexpr std::size_t kRecordedRequests = 1000;
 constexpr std::size_t kRecordedBodyBytes = 8 * 1024 * 1024;
 // Generous, so that connections a client keeps alive and delayed requests never queue behind each other.
+// Slow clients cannot hold them all: the connection guard closes connections over its limits.
 constexpr std::size_t kWorkerThreads = 32;
 
 // When the request being handled on this worker thread started, for the log line.
@@ -129,6 +131,16 @@ void shutDownConnections(int localPort, const std::optional<Endpoint>& peer) {
     if (peer && (remoteEnd->port != peer->port || remoteEnd->address != peer->address)) continue;
     shutdown(descriptor, SHUT_RDWR);
   }
+}
+
+// The most body the HTTP library will read for this request before its handler runs; nothing when it
+// reads none. The track handler reads its own body.
+std::optional<std::size_t> libraryBodyBytes(const Request& request, std::size_t maxBodyBytes) {
+  if (request.path == kTrackPath) return std::nullopt;
+  if (request.has_header("Transfer-Encoding")) return maxBodyBytes;
+  const auto length = request.get_header_value<std::uint64_t>("Content-Length");
+  if (length == 0) return std::nullopt;
+  return static_cast<std::size_t>(std::min<std::uint64_t>(length, maxBodyBytes));
 }
 
 // Text a client chose, for one log line: control characters and backslashes as \xNN, so that a
@@ -341,7 +353,10 @@ struct CollectorServer::Asset {
 };
 
 CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& database, LogLine log)
-    : settings_(std::move(settings)), database_(database), log_(std::move(log)) {
+    : settings_(std::move(settings)),
+      database_(database),
+      log_(std::move(log)),
+      guard_(settings_.connectionLimits, log_) {
   http_.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
   http_.set_payload_max_length(settings_.maxBodyBytes);
 
@@ -391,6 +406,8 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
 
   http_.set_pre_routing_handler([this](const Request& request, Response& response) {
     requestStart = std::chrono::steady_clock::now();
+    guard_.requestStarted(request.remote_addr, request.remote_port,
+                          libraryBodyBytes(request, settings_.maxBodyBytes));
     if (hostAllowed(request)) return httplib::Server::HandlerResponse::Unhandled;
     answerText(response, 421,
                "this collector does not answer to the host name " + request.get_header_value("Host") +
@@ -413,6 +430,7 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& datab
         return httplib::Server::HandlerResponse::Handled;
       }));
   http_.set_logger([this](const Request& request, const Response& response) {
+    guard_.requestEnded(request.remote_addr, request.remote_port);
     char duration[32] = "-";
     if (requestStart) {
       const std::chrono::duration<double, std::milli> elapsed =
@@ -467,11 +485,13 @@ std::expected<int, std::string> CollectorServer::bind(const std::string& host, i
 }
 
 bool CollectorServer::run() {
+  guard_.start(port_);
   return http_.listen_after_bind();
 }
 
 void CollectorServer::stop() {
   http_.stop();
+  guard_.stop();
   shutDownConnections(port_, std::nullopt);
 }
 
@@ -592,9 +612,16 @@ void CollectorServer::serveTrack(const Request& request, Response& response,
   // that neither a chunked body nor a small compressed one can grow past the limit in memory.
   std::string body;
   bool tooLarge = false;
+  bool tooSlow = false;
+  const auto headersEnd = requestStart.value_or(std::chrono::steady_clock::now());
   const bool complete = content([&](const char* data, std::size_t size) {
     if (size > settings_.maxBodyBytes - body.size()) {
       tooLarge = true;
+      return false;
+    }
+    // Checked as each piece arrives: a body that stops altogether meets the library's read timeout.
+    if (!guard_.bodyOnTime(headersEnd, body.size() + size)) {
+      tooSlow = true;
       return false;
     }
     body.append(data, size);
@@ -602,6 +629,11 @@ void CollectorServer::serveTrack(const Request& request, Response& response,
   });
   if (tooLarge || response.status == 413)
     return refuse(413, "body larger than " + std::to_string(settings_.maxBodyBytes) + " bytes");
+  if (tooSlow) {
+    return refuse(408, "the body arrived slower than " +
+                           std::to_string(settings_.connectionLimits.minBodyBytesPerSecond) +
+                           " bytes a second");
+  }
   if (!complete) return refuse(400, "the body could not be read");
   serveRecorded(request, body, response, &CollectorServer::handleTrack);
 }

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "connection_guard.h"
 #include "session_database.h"
 #include "track_body.h"
 
@@ -41,6 +42,7 @@ struct ServerSettings {
   // sets. Without a token nothing reads, unless openReads (loopback demos only) lets everyone.
   std::optional<std::string> readToken;
   bool openReads = false;
+  ConnectionLimits connectionLimits;
 };
 
 // What the next track or config request meets instead of (or before) normal handling.
@@ -125,6 +127,7 @@ class CollectorServer {
   SessionDatabase& database_;
   LogLine log_;
   httplib::Server http_;
+  ConnectionGuard guard_;
   int port_ = 0;
   std::string boundHost_;  // lowercase
 

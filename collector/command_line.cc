@@ -58,6 +58,14 @@ Receives session replay blocks, stores them in SQLite, serves them back and play
   --test-controls TOKEN  enable the test controls (/_control/*) for requests from this host that send
                          "X-Test-Control-Token: TOKEN" (16 characters or more), and keep a record of
                          the latest 1000 track and config requests for them; for test harnesses only
+  --header-deadline-seconds N
+                         close a connection whose request line and headers are not all in N seconds
+                         after it opened or its previous answer went out (default 20)
+  --min-body-rate N      close a connection whose body averages less than N bytes a second, counted
+                         from the header deadline after its headers, with 408 (default 1024)
+  --max-connections-per-client N
+                         connections one client address may hold; the newest ones waiting for their
+                         headers over it are closed (default 16)
   --watch-stdin          stop when standard input reaches its end (ties the server to a parent process)
   --help                 print this text
 
@@ -153,6 +161,14 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
       const auto bytes = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
       if (!bytes) return std::unexpected(std::string(option) + " takes a positive number");
       (option == "--max-event-bytes" ? line.maxEventBytes : line.maxBlockBytes) = *bytes;
+    } else if (option == "--header-deadline-seconds") {
+      const auto seconds = parseNumber<int>(*value, 1, 24 * 3600);
+      if (!seconds) return std::unexpected("--header-deadline-seconds takes a number from 1 to 86400");
+      line.headerDeadlineSeconds = *seconds;
+    } else if (option == "--min-body-rate" || option == "--max-connections-per-client") {
+      const auto number = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
+      if (!number) return std::unexpected(std::string(option) + " takes a positive number");
+      (option == "--min-body-rate" ? line.minBodyBytesPerSecond : line.maxConnectionsPerClient) = *number;
     } else {
       return std::unexpected("unknown option " + std::string(option));
     }

@@ -29,6 +29,9 @@ struct CommandLine {
   std::vector<std::string> allowedHosts;        // lowercase
   std::optional<std::string> readToken;
   bool openReads = false;  // only on a loopback address
+  int headerDeadlineSeconds = 20;
+  std::size_t maxConnectionsPerClient = 16;
+  std::size_t minBodyBytesPerSecond = 1024;
 };
 
 struct HelpRequested {};

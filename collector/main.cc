@@ -45,7 +45,10 @@ int main(int argc, char** argv) {
       .testControlToken = options.testControlToken,
       .allowedHosts = {options.allowedHosts.begin(), options.allowedHosts.end()},
       .readToken = options.readToken,
-      .openReads = options.openReads};
+      .openReads = options.openReads,
+      .connectionLimits = {.headerDeadline = std::chrono::seconds(options.headerDeadlineSeconds),
+                           .maxConnectionsPerClient = options.maxConnectionsPerClient,
+                           .minBodyBytesPerSecond = options.minBodyBytesPerSecond}};
   for (const auto& [apiKey, file] : options.configFiles) {
     auto contents = readWholeFile(file);
     if (!contents) return fail("cannot read " + file + ": " + contents.error().message());

@@ -1,10 +1,15 @@
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <fstream>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -647,6 +652,58 @@ TEST_F(CollectorTest, RecordsOnlyTheLatestRequests) {
 
 TEST(CollectorProcessStart, ReportsACollectorThatCannotStart) {
   EXPECT_EQ(CollectorProcess::start({.apiKeys = {}, .configs = {}, .maxBodyBytes = std::nullopt}), nullptr);
+}
+
+// A connection from `source` (in 127.0.0.0/8) that has begun a request whose headers never end; -1 when
+// it cannot connect.
+int slowConnection(const char* source, int port) {
+  const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
+  inet_pton(AF_INET, source, &address.sin_addr);
+  const bool bound = bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
+  constexpr std::string_view start = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Slow: ";
+  if (!bound || connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      send(socket, start.data(), start.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(start.size())) {
+    close(socket);
+    return -1;
+  }
+  return socket;
+}
+
+// More connections than the collector has workers, each sending a header byte a second (well within the
+// library's read timeout), while a client on another address asks for its configuration. Many from one
+// address meet the cap per client; a few from each of several addresses meet the deadline for headers.
+TEST(CollectorSlowClients, StillAnswersOthersWhileSlowClientsHoldMoreConnectionsThanItHasWorkers) {
+  constexpr int kSlowConnections = 40;
+  for (const bool oneAddress : {true, false}) {
+    SCOPED_TRACE(oneAddress ? "all from one address" : "from four addresses");
+    const auto collector = CollectorProcess::start(
+        {.arguments = oneAddress ? std::vector<std::string>{}
+                                 : std::vector<std::string>{"--header-deadline-seconds", "2"}});
+    ASSERT_NE(collector, nullptr);
+    std::vector<int> slow;
+    for (int i = 0; i < kSlowConnections; ++i) {
+      const std::string source = "127.0.0." + std::to_string(oneAddress ? 2 : 2 + i % 4);
+      slow.push_back(slowConnection(source.c_str(), collector->port()));
+      ASSERT_NE(slow.back(), -1) << source;
+    }
+
+    auto answer = std::async(std::launch::async, [&] {
+      httplib::Client client(collector->baseUrl());
+      client.set_read_timeout(std::chrono::seconds(15));
+      return client.Get("/config?api_key=test-key");
+    });
+    for (int second = 0; second < 20 && answer.wait_for(std::chrono::seconds(1)) != std::future_status::ready;
+         ++second) {
+      for (const int socket : slow) send(socket, "x", 1, MSG_NOSIGNAL);
+    }
+    const auto result = answer.get();
+    for (const int socket : slow) close(socket);
+    ASSERT_TRUE(result) << httplib::to_string(result.error());
+    EXPECT_EQ(result->status, 200);
+  }
 }
 
 }  // namespace
