@@ -1,12 +1,10 @@
 #include "collector_server.h"
 
-#include <netdb.h>
 #include <sys/socket.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -97,39 +95,12 @@ struct Endpoint {
   int port = 0;
 };
 
-std::optional<Endpoint> endpointOf(const sockaddr_storage& address, socklen_t length) {
-  char host[NI_MAXHOST];
-  char service[NI_MAXSERV];
-  if (getnameinfo(reinterpret_cast<const sockaddr*>(&address), length, host, sizeof host, service,
-                  sizeof service, NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
-    return std::nullopt;
-  }
-  return Endpoint{host, std::atoi(service)};
-}
-
 // Shuts down this process's TCP connections whose local port is `localPort` and whose peer is `peer`
-// (every peer when absent). The HTTP library keeps its sockets to itself, so they are found among the
-// process's open descriptors; the library closes them once its next read or write fails.
+// (every peer when absent); the HTTP library closes them once its next read or write fails.
 void shutDownConnections(int localPort, const std::optional<Endpoint>& peer) {
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
-    int descriptor = -1;
-    const std::string name = entry.path().filename().string();
-    if (std::from_chars(name.data(), name.data() + name.size(), descriptor).ec != std::errc{}) continue;
-
-    sockaddr_storage local{};
-    sockaddr_storage remote{};
-    socklen_t localLength = sizeof local;
-    socklen_t remoteLength = sizeof remote;
-    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&local), &localLength) != 0 ||
-        getpeername(descriptor, reinterpret_cast<sockaddr*>(&remote), &remoteLength) != 0) {
-      continue;  // not a socket, or the listening one
-    }
-    const auto localEnd = endpointOf(local, localLength);
-    const auto remoteEnd = endpointOf(remote, remoteLength);
-    if (!localEnd || !remoteEnd || localEnd->port != localPort) continue;
-    if (peer && (remoteEnd->port != peer->port || remoteEnd->address != peer->address)) continue;
-    shutdown(descriptor, SHUT_RDWR);
+  for (const auto& connection : connectionsOn(localPort)) {
+    if (peer && (connection.port != peer->port || connection.address != peer->address)) continue;
+    shutdown(connection.descriptor, SHUT_RDWR);
   }
 }
 

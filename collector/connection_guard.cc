@@ -19,12 +19,6 @@ constexpr auto kScanInterval = std::chrono::milliseconds(250);
 // that a burst of ordinary requests from one address, whose headers arrive at once, is not cut.
 constexpr auto kCapGrace = std::chrono::seconds(1);
 
-struct Peer {
-  int descriptor = -1;
-  std::string address;
-  int port = 0;
-};
-
 std::optional<std::pair<std::string, int>> endpointOf(const sockaddr_storage& address, socklen_t length) {
   char host[NI_MAXHOST];
   char service[NI_MAXSERV];
@@ -51,6 +45,12 @@ std::optional<Peer> peerOf(int descriptor, int localPort) {
   return Peer{descriptor, remoteEnd->first, remoteEnd->second};
 }
 
+std::string keyOf(const std::string& address, int port) {
+  return address + " " + std::to_string(port);
+}
+
+}  // namespace
+
 std::vector<Peer> connectionsOn(int localPort) {
   std::vector<Peer> peers;
   std::error_code error;
@@ -62,12 +62,6 @@ std::vector<Peer> connectionsOn(int localPort) {
   }
   return peers;
 }
-
-std::string keyOf(const std::string& address, int port) {
-  return address + " " + std::to_string(port);
-}
-
-}  // namespace
 
 void ConnectionGuard::start(int localPort) {
   stop();

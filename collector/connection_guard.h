@@ -10,8 +10,20 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 namespace verdalune::sessionreplay::collector {
+
+// One TCP connection of this process: its descriptor and the client's end.
+struct Peer {
+  int descriptor = -1;
+  std::string address;
+  int port = 0;
+};
+
+// This process's connections accepted on `localPort`. The HTTP library keeps its sockets to itself, so
+// they are found among the process's open descriptors.
+[[nodiscard]] std::vector<Peer> connectionsOn(int localPort);
 
 // How long and how many connections a client may hold before the collector closes them.
 struct ConnectionLimits {
