@@ -253,7 +253,11 @@ EncodeOutcome encodeUiImage(const LayerContents::UiImage& contents, const LayerS
 EncodeOutcome encodeCgImage(const LayerContents::CgImage& contents, const LayerSnapshot& s) {
   const auto cropped = crop(contents.image, s.modelContentsRect);
   if (!cropped) return EncodeOutcome::nothing();
-  return outcomeOf(ImageEncoder::encode(*cropped, cropped->hasAlpha, geometryOf(s, pixelSizeOf(*cropped), 1)),
+  // Shown in the replay at one point per pixel, as always, but encoded with as many pixels as the
+  // device shows the layer with, so text in a bitmap stays sharp on a dense screen.
+  ImageGeometry geometry = geometryOf(s, pixelSizeOf(*cropped), 1);
+  geometry.deviceScale = s.contentScale;
+  return outcomeOf(ImageEncoder::encode(*cropped, cropped->hasAlpha, geometry),
                    "[Converter] Error processing CGImage: ");
 }
 

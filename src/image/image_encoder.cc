@@ -92,6 +92,36 @@ double boundsPixels(double length) {
 // is kept in pixels, a margin over the part that shows so that a slightly larger image is not scaled.
 constexpr double kPlacedImageMargin = 1.2;
 
+// Where a placing gravity puts an image along each axis, as the replay's background-position keywords
+// put it: 0 at the start, 0.5 centred, 1 at the end. Absent for the other gravities, and for "right",
+// which the replay shows centred at the image's own pixel size.
+std::optional<std::pair<double, double>> alignmentOf(std::string_view gravity) {
+  if (gravity == "center") return std::pair{0.5, 0.5};
+  if (gravity == "top") return std::pair{0.5, 0.0};
+  if (gravity == "bottom") return std::pair{0.5, 1.0};
+  if (gravity == "left") return std::pair{0.0, 0.5};
+  if (gravity == "topLeft") return std::pair{0.0, 0.0};
+  if (gravity == "topRight") return std::pair{1.0, 0.0};
+  if (gravity == "bottomLeft") return std::pair{0.0, 1.0};
+  if (gravity == "bottomRight") return std::pair{1.0, 1.0};
+  return std::nullopt;
+}
+
+// The pixels [first, last) of an axis of `pixels` pixels that show of an image `length` points long,
+// aligned by `alignment` in `bounds` points: the element's background never paints outside it. Widened
+// to whole pixels (rounding noise aside), so the kept part, aligned the same way, lands where it was.
+std::pair<double, double> visiblePixels(double pixels, double length, double bounds, double alignment) {
+  if (!(length > bounds) || !std::isfinite(length) || !std::isfinite(bounds) || bounds < 0) {
+    return {0, pixels};
+  }
+  constexpr double kNoise = 1e-6;
+  const double perPoint = pixels / length;
+  const double offset = alignment * (bounds - length);  // where the image starts, before the bounds
+  const double first = std::clamp(std::floor(-offset * perPoint + kNoise), 0.0, pixels);
+  const double last = std::clamp(std::ceil((bounds - offset) * perPoint - kNoise), first, pixels);
+  return {first, last == first ? std::min(pixels, first + 1) : last};
+}
+
 // ---- WebP
 
 std::expected<Bytes, ImageEncoderError> encodeWebP(const Bitmap& rgba, bool hasAlpha) {
@@ -248,6 +278,25 @@ std::optional<Bytes> encodeJpeg(const Bitmap& rgb, int quality) {
 
 // ---- rendering and encoding
 
+// The pixels [x0, x1) × [y0, y1) of a well-formed bitmap, a non-empty part of it.
+Bitmap cropPixels(const Bitmap& bitmap, double x0, double y0, double x1, double y1) {
+  const auto column = static_cast<std::size_t>(x0);
+  const auto row = static_cast<std::size_t>(y0);
+  Bitmap part{.width = static_cast<std::uint32_t>(x1 - x0),
+              .height = static_cast<std::uint32_t>(y1 - y0),
+              .bytesPerRow = static_cast<std::size_t>(x1 - x0) * 4,
+              .hasAlpha = bitmap.hasAlpha,
+              .alphaPremultiplied = bitmap.alphaPremultiplied,
+              .scale = bitmap.scale,
+              .pixels = {}};
+  part.pixels.resize(part.bytesPerRow * part.height);
+  for (std::uint32_t y = 0; y < part.height; ++y) {
+    const std::uint8_t* from = bitmap.pixels.data() + (row + y) * bitmap.bytesPerRow + column * 4;
+    std::copy_n(from, part.bytesPerRow, part.pixels.data() + y * part.bytesPerRow);
+  }
+  return part;
+}
+
 std::expected<EncodedImageData, ImageEncoderError> encodeRendered(const Bitmap& rgba, bool hasAlpha,
                                                                   Size originalImageSize) {
   std::expected<Bytes, ImageEncoderError> webp = encodeWebP(rgba, hasAlpha);
@@ -285,12 +334,14 @@ std::string_view describe(ImageEncoderError error) {
 // The sizing rule. A recording is replayed in points, so pixels beyond what the layer shows only cost
 // encoding time and bytes:
 // - never more pixels than the source has (sourceSize × scale);
-// - resize: each axis at most the bounds × scale, since the image is stretched onto the bounds anyway;
+// - the layer's pixels are its bounds × the device's scale (deviceScale, else the source's);
+// - resize: each axis at most the layer's pixels, since the image is stretched onto the bounds anyway;
 // - resizeAspect / resizeAspectFill: scaled uniformly (the replay keeps the aspect ratio, "contain" and
 //   "cover") by the factor the layer shows it at, the smaller or the larger of the two axis ratios;
 // - placing gravities (center, top, ..., the corners): the image shows at its own size, cut to the
-//   bounds, so each axis is at most the bounds × scale × 1.2. Past that only an image much larger than
-//   its layer loses detail, and such an image shows a small part of itself.
+//   bounds, so each axis is at most the layer's pixels × 1.2. A bitmap is cut to the part that shows
+//   before this (see encode), so what this scales down is a part finer than the device shows, or a
+//   drawn image without a bitmap.
 // Every cap keeps at least one pixel.
 Size ImageEncoder::targetPixelSize(const ImageGeometry& geometry) {
   const double scale = std::isfinite(geometry.scale) && geometry.scale > 0 ? geometry.scale : 1;
@@ -299,13 +350,15 @@ Size ImageEncoder::targetPixelSize(const ImageGeometry& geometry) {
   if (source.width == 0 || source.height == 0) return {0, 0};
 
   const Size bounds = geometry.boundsSize;
+  const double device =
+      std::isfinite(geometry.deviceScale) && geometry.deviceScale > 0 ? geometry.deviceScale : scale;
   switch (fitOf(geometry.contentsGravity)) {
     case Fit::stretch:
-      return {std::min(source.width, boundsPixels(bounds.width * scale)),
-              std::min(source.height, boundsPixels(bounds.height * scale))};
+      return {std::min(source.width, boundsPixels(bounds.width * device)),
+              std::min(source.height, boundsPixels(bounds.height * device))};
     case Fit::place:
-      return {std::min(source.width, boundsPixels(bounds.width * scale * kPlacedImageMargin)),
-              std::min(source.height, boundsPixels(bounds.height * scale * kPlacedImageMargin))};
+      return {std::min(source.width, boundsPixels(bounds.width * device * kPlacedImageMargin)),
+              std::min(source.height, boundsPixels(bounds.height * device * kPlacedImageMargin))};
     case Fit::contain:
     case Fit::cover: {
       const double across = bounds.width / geometry.sourceSize.width;
@@ -322,6 +375,20 @@ Size ImageEncoder::targetPixelSize(const ImageGeometry& geometry) {
 
 std::expected<EncodedImageData, ImageEncoderError> ImageEncoder::encode(const Bitmap& bitmap, bool hasAlpha,
                                                                         const ImageGeometry& geometry) {
+  // A placed image larger than the bounds shows only its part inside them: encoding the whole and
+  // shrinking it to fit the encoded size would leave the part that shows blurred.
+  if (const auto alignment = alignmentOf(geometry.contentsGravity);
+      alignment && image::isWellFormed(bitmap)) {
+    const Size source = geometry.sourceSize;
+    const Size bounds = geometry.boundsSize;
+    const auto [x0, x1] = visiblePixels(bitmap.width, source.width, bounds.width, alignment->first);
+    const auto [y0, y1] = visiblePixels(bitmap.height, source.height, bounds.height, alignment->second);
+    if (x1 - x0 < bitmap.width || y1 - y0 < bitmap.height) {
+      ImageGeometry shown = geometry;
+      shown.sourceSize = {source.width * (x1 - x0) / bitmap.width, source.height * (y1 - y0) / bitmap.height};
+      return encode(cropPixels(bitmap, x0, y0, x1, y1), hasAlpha, shown);
+    }
+  }
   const Size target = targetPixelSize(geometry);
   // The geometry speaks for the source; the bitmap is what there is to draw from.
   const std::uint32_t width = std::min(toPixelCount(target.width), bitmap.width);
@@ -443,22 +510,7 @@ std::shared_ptr<const Bitmap> crop(const std::shared_ptr<const Bitmap>& bitmap, 
   const double y0 = std::clamp(std::floor(top + kNoise), 0.0, height);
   const double y1 = std::clamp(std::ceil(bottom - kNoise), 0.0, height);
   if (x1 <= x0 || y1 <= y0 || !image::isWellFormed(*bitmap)) return nullptr;
-
-  const auto column = static_cast<std::size_t>(x0);
-  const auto row = static_cast<std::size_t>(y0);
-  Bitmap part{.width = static_cast<std::uint32_t>(x1 - x0),
-              .height = static_cast<std::uint32_t>(y1 - y0),
-              .bytesPerRow = static_cast<std::size_t>(x1 - x0) * 4,
-              .hasAlpha = bitmap->hasAlpha,
-              .alphaPremultiplied = bitmap->alphaPremultiplied,
-              .scale = bitmap->scale,
-              .pixels = {}};
-  part.pixels.resize(part.bytesPerRow * part.height);
-  for (std::uint32_t y = 0; y < part.height; ++y) {
-    const std::uint8_t* from = bitmap->pixels.data() + (row + y) * bitmap->bytesPerRow + column * 4;
-    std::copy_n(from, part.bytesPerRow, part.pixels.data() + y * part.bytesPerRow);
-  }
-  return std::make_shared<const Bitmap>(std::move(part));
+  return std::make_shared<const Bitmap>(cropPixels(*bitmap, x0, y0, x1, y1));
 }
 
 }  // namespace verdalune::sessionreplay

@@ -26,12 +26,13 @@ enum class ImageEncoderError {
 std::string_view describe(ImageEncoderError error);
 
 // Where an image will be shown: what decides the pixel size it is encoded at. An image is never encoded
-// larger than its source, and never much larger than the layer shows it.
+// larger than its source, and never much larger than the layer shows it on the device.
 struct ImageGeometry {
   platform::Size sourceSize;  // the source's size in points; becomes the encoded image's originalImageSize
   platform::Size boundsSize;  // the layer's bounds, points
   std::string contentsGravity = "resize";
-  double scale = 1;  // pixels per point of the source
+  double scale = 1;        // pixels per point of the source
+  double deviceScale = 0;  // pixels per point the layer is shown at; 0 takes `scale`
 };
 
 // Turns layer contents into compact image bytes and a content hash, on the serializer's queue: lossy WebP
@@ -42,8 +43,10 @@ class ImageEncoder {
   static platform::Size targetPixelSize(const ImageGeometry& geometry);
 
   // Each draws its source into an RGBA buffer of the target size (flipped when the source's origin is at
-  // the bottom) and encodes it. `hasAlpha` chooses the RGBA import (alpha kept, un-premultiplied) or the
-  // RGBX import (alpha ignored).
+  // the bottom) and encodes it. An image placed by a gravity (center, top, the corners, ...) that reaches
+  // past the bounds is first cut to the part inside them, which is what shows; originalImageSize is then
+  // that part's size, and the gravity still puts it where the whole image put it. `hasAlpha` chooses the RGBA
+  // import (alpha kept, un-premultiplied) or the RGBX import (alpha ignored).
   static std::expected<EncodedImageData, ImageEncoderError> encode(const platform::Bitmap& bitmap,
                                                                    bool hasAlpha,
                                                                    const ImageGeometry& geometry);

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <webp/decode.h>
 
 #include <functional>
 
@@ -318,6 +319,41 @@ TEST_F(ConverterTest, BitmapContentsAreCroppedThenEncodedOnceForEveryLayerSharin
   EXPECT_EQ(stored(sharing), image);
   ASSERT_EQ(images.images().size(), 1u);
   EXPECT_EQ(images.images()[0].second, image);
+}
+
+// Bitmaps shown in the replay at a point per pixel are encoded with the pixels the device shows (bounds ×
+// contents scale, not more than the bitmap has); placed ones larger than a clipped layer only with the
+// part inside it, shown at that part's size where the whole put it.
+TEST_F(ConverterTest, BitmapsAreEncodedAtTheDeviceScaleAndPlacedOnesCutToWhatShows) {
+  struct Row {
+    std::uint32_t width, height;
+    platform::Size bounds;
+    std::string gravity;
+    int encodedWidth, encodedHeight;
+    std::string size;
+  };
+  for (const Row& row : std::vector<Row>{{300, 60, {100, 20}, "resize", 300, 60, "100% 100%"},
+                                         {1200, 240, {100, 20}, "resize", 300, 60, "100% 100%"},
+                                         {1000, 50, {100, 100}, "center", 100, 50, "100.0px 50.0px"},
+                                         {1000, 50, {100, 100}, "bottomRight", 100, 50, "100.0px 50.0px"},
+                                         {300, 300, {100, 100}, "topLeft", 100, 100, "100.0px 100.0px"},
+                                         {40, 20, {100, 100}, "center", 40, 20, "40.0px 20.0px"}}) {
+    SCOPED_TRACE(row.gravity + " " + std::to_string(row.width));
+    LayerTreeNode node = showing(LayerContents::CgImage{std::make_shared<platform::Bitmap>(
+                                     sim::solidBitmap(row.width, row.height, kRed))},
+                                 [&](LayerSnapshot& s) {
+                                   s.bounds.size = s.frame.size = row.bounds;
+                                   s.masksToBounds = true;
+                                   s.contentScale = 3;
+                                   s.contentsGravity = row.gravity;
+                                 });
+    EXPECT_THAT(declarations(node), Contains("background-size:" + row.size));
+    const auto image = stored(node);
+    ASSERT_NE(image, nullptr);
+    int width = 0, height = 0;
+    ASSERT_TRUE(WebPGetInfo(image->data.data(), image->data.size(), &width, &height));
+    EXPECT_EQ(std::pair(width, height), std::pair(row.encodedWidth, row.encodedHeight));
+  }
 }
 
 TEST_F(ConverterTest, StretchableImagesAreRedrawnAtTheLayerSize) {

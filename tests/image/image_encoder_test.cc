@@ -304,6 +304,45 @@ TEST(ImageEncoderSizing, NeverLargerThanTheSourceNorMuchLargerThanTheLayerShowsI
   EXPECT_EQ(size({NAN, 200}, {100, 100}, "resize"), (Size{0, 0}));
 }
 
+// A placed image reaching past the bounds is encoded as the part the gravity puts inside them: red on its
+// left half, green on its right, so the colours at the kept part's ends tell which part it is.
+TEST(ImageEncoderCrop, PlacedImagesKeepThePartInsideTheBounds) {
+  struct Row {
+    std::string gravity;
+    Size source;  // points, at `scale` pixels each
+    double scale;
+    Size bounds;
+    Size encoded, shown;
+    bool leftRed, rightRed;
+  };
+  for (const Row& row :
+       std::vector<Row>{{"center", {1000, 50}, 1, {100, 100}, {100, 50}, {100, 50}, true, false},
+                        {"topRight", {300, 60}, 3, {100, 20}, {300, 60}, {100, 20}, false, false},
+                        {"bottomLeft", {300, 60}, 3, {100, 20}, {300, 60}, {100, 20}, true, true},
+                        {"top", {80, 300}, 2, {100, 100}, {160, 200}, {80, 100}, true, false},
+                        {"right", {1000, 50}, 1, {100, 100}, {120, 50}, {1000, 50}, true, false}}) {
+    SCOPED_TRACE(row.gravity);
+    const auto width = static_cast<std::uint32_t>(row.source.width * row.scale);
+    Bitmap halves =
+        bitmapOf(width, static_cast<std::uint32_t>(row.source.height * row.scale), {0, 255, 0, 255});
+    for (std::uint32_t y = 0; y < halves.height; ++y)
+      for (std::uint32_t x = 0; x < width / 2; ++x)
+        std::copy_n(std::array<std::uint8_t, 4>{255, 0, 0, 255}.begin(), 4,
+                    &halves.pixels[(y * width + x) * 4]);
+    const auto result = ImageEncoder::encode(halves, false,
+                                             {.sourceSize = row.source,
+                                              .boundsSize = row.bounds,
+                                              .contentsGravity = row.gravity,
+                                              .scale = row.scale});
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->originalImageSize, row.shown);
+    const Decoded decoded = decodeWebP(result->data);
+    EXPECT_EQ((Size{double(decoded.width), double(decoded.height)}), row.encoded);
+    EXPECT_EQ(decoded.at(0, 0)[0] > 128, row.leftRed);
+    EXPECT_EQ(decoded.at(decoded.width - 1, 0)[0] > 128, row.rightRed);
+  }
+}
+
 TEST(ImageEncoderCrop, UnitRectangleToPixels) {
   auto bitmap = std::make_shared<const Bitmap>([] {
     Bitmap b = bitmapOf(4, 2, {0, 0, 0, 255});
