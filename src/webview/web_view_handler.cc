@@ -95,10 +95,16 @@ const std::string& WebViewHandler::injectedScript() {
   // The recorder is defined only when the page has none. The driver object is made once per page; each
   // evaluation stops the recording it started before and starts a new one, so rrweb sends a fresh full
   // snapshot. The completion value is true, which attach takes as success.
+  //
+  // The recorder bundle is UMD: on a page with a module loader it would hand itself to `define` and set no
+  // global. Run with `define` and `module` undefined and a private `exports`, it always takes its CommonJS
+  // branch, whatever the page has, and the record function is put where the driver looks for it.
   static const std::string script = [] {
     const std::string_view pieces[] = {
         "if (typeof window.rrweb?.record === 'undefined') {\n",
+        "window.rrweb = {...window.rrweb, record: (function(define, module, exports) {\n",
         rrwebRecordSource(),
+        "\nreturn exports.rrwebRecord.record;\n})(undefined, undefined, {})};",
         "\n}\n\n(function() {\n"
         "    if (typeof window.rrweb?.record === 'undefined') {\n"
         "        throw new Error(\"Unable to access rrweb\");\n"

@@ -15,8 +15,8 @@
 
 namespace verdalune::sessionreplay {
 
-// The rrweb recorder bundle built into the library; empty when the library was built without it, in which
-// case the injected driver uses a recorder the page already has, or fails to start.
+// The rrweb recorder bundle built into the library (@rrweb/record's UMD build, record only), as rrweb ships
+// it.
 std::string_view rrwebRecordSource();
 
 // Records the pages inside web views: installs rrweb's recorder and a small driver into each attached web

@@ -50,6 +50,13 @@ const PAGE = `<!DOCTYPE html>
   </script>
 </body></html>`;
 
+// A page with an AMD module loader (a stub that counts its calls), loaded before the script is evaluated.
+const AMD_PAGE = `<!DOCTYPE html><html><head><script>
+  window.defineCalls = 0;
+  window.define = function() { window.defineCalls += 1; };
+  window.define.amd = {};
+</script></head><body><p>Loaded by a module loader</p></body></html>`;
+
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 let server;
@@ -58,7 +65,7 @@ before(async () => {
   if (!recordBin) return;
   server = http.createServer((request, response) => {
     response.writeHead(200, { 'content-type': 'text/html; charset=utf-8' });
-    response.end(PAGE);
+    response.end(request.url === '/amd' ? AMD_PAGE : PAGE);
   });
   await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
   browser = await launchBrowser();
@@ -143,4 +150,26 @@ test('a page recorded in a web view replays inside the web view\'s frame, throug
     assert.match(shown.text, /Your order is on its way/);
     assert.deepEqual([live.note, ...shown.inputs.map((input) => input.value)], ['Ring twice', 'Ring twice']);
     assert.ok(shown.styleRules >= 3, `the page's style sheet is replayed (${shown.styleRules} rules)`);
+  });
+
+test('a page with a module loader is recorded too, without the recorder handed to its loader',
+  { skip: recordBin ? false : 'VDL_RECORD_WEBVIEW_BIN is not set (CTest runs this as browser_webview_test)' }, async () => {
+    const script = (await run(scriptBin, [], { maxBuffer: 16 << 20 })).stdout;
+    const page = await browser.newPage();
+    const events = [];
+    try {
+      await page.exposeFunction('vdlDeliver', (body) => { events.push(JSON.parse(body.event)); });
+      await page.goto(`http://127.0.0.1:${server.address().port}/amd`, { waitUntil: 'load' });
+      await page.evaluate(() => {
+        window.webkit = { messageHandlers: { vdl_injected_session_replay: { postMessage: (body) => window.vdlDeliver(body) } } };
+      });
+      assert.equal(await page.evaluate(script), true);
+      await sleep(300);
+      assert.equal(await page.evaluate(() => window.defineCalls), 0);
+    } finally {
+      await page.close();
+    }
+    const snapshot = events.find((e) => e.type === 2);
+    assert.ok(snapshot, `a full snapshot arrives (${events.length} events)`);
+    assert.match(JSON.stringify(snapshot.data), /Loaded by a module loader/);
   });
