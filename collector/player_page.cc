@@ -72,6 +72,9 @@ std::string pageStart(std::string_view title, std::string_view head = {}) {
   /* The player's controller spans the player: the timeline takes its whole width but for the two times. */
   #player .rr-timeline { width: 100%; box-sizing: border-box; padding: 0 8px; }
   #player .rr-timeline__time { width: 64px; }
+  /* The recorded screen stands out from the rest of the player when their shapes differ. */
+  #player .rr-player { background: #dcdce2; }
+  #player .replayer-wrapper > iframe { background: #fff; }
   /* On a phone the times go under the timeline, which then spans the player. */
   @media (max-width: 480px) {
     body { margin: 8px; }

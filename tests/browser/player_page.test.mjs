@@ -125,6 +125,11 @@ test('the session page fits the window and scrubs where clicked',
         assert.equal(await frame.locator('#step').textContent({ timeout: 2000 }), `step ${Math.floor(seconds / 10)}`,
           `${size}: the frame at ${seconds} s`);
       }
+      // The player follows the window: from a phone's width to a laptop's.
+      if (viewport === windows.at(-1)) {
+        await page.setViewportSize(windows[0]);
+        await page.waitForFunction(() => document.querySelector('.rr-player').offsetWidth >= 700, null, { timeout: 2000 });
+      }
       assert.deepEqual(problems, []);
       await page.close();
     }
