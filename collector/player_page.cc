@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 namespace verdalune::sessionreplay::collector {
 namespace {
@@ -30,6 +31,21 @@ std::string durationOf(const SessionSummary& session) {
   return formatDuration(*session.lastTimestamp - *session.firstTimestamp);
 }
 
+// The first event's time as UTC ISO 8601 with milliseconds, "2025-11-22T08:00:00.000Z".
+std::string startOf(const SessionSummary& session) {
+  if (!session.firstTimestamp) return "no events";
+  const std::int64_t milliseconds = *session.firstTimestamp;
+  const std::time_t seconds =
+      static_cast<std::time_t>(milliseconds / 1000 - (milliseconds % 1000 < 0 ? 1 : 0));
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char text[80];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+                static_cast<int>((milliseconds % 1000 + 1000) % 1000));
+  return text;
+}
+
 std::string projectQuery(const SessionSummary& session) {
   return "?project=" + projectOf(session.apiKey);
 }
@@ -46,12 +62,26 @@ std::string pageStart(std::string_view title, std::string_view head = {}) {
          R"( · vdl-collector</title>
 <style>
   body { font-family: system-ui, sans-serif; margin: 16px; color: #222; background: #f5f5f7; }
-  dl { display: grid; grid-template-columns: max-content auto; gap: 2px 12px; margin: 8px 0 12px; }
+  dl { display: flex; flex-wrap: wrap; gap: 2px 20px; margin: 8px 0 12px; }
+  dl div { display: flex; gap: 6px; }
   dt { color: #666; }
   dd { margin: 0; word-break: break-all; }
   table { border-collapse: collapse; }
   th, td { text-align: left; padding: 4px 12px 4px 0; border-bottom: 1px solid #ddd; word-break: break-all; }
   #status { color: #a00; }
+  /* The player's controller spans the player: the timeline takes its whole width but for the two times. */
+  #player .rr-timeline { width: 100%; box-sizing: border-box; padding: 0 8px; }
+  #player .rr-timeline__time { width: 64px; }
+  /* The recorded screen stands out from the rest of the player when their shapes differ. */
+  #player .rr-player { background: #dcdce2; }
+  #player .replayer-wrapper > iframe { background: #fff; }
+  /* On a phone the times go under the timeline, which then spans the player. */
+  @media (max-width: 480px) {
+    body { margin: 8px; }
+    #player .rr-timeline { flex-wrap: wrap; justify-content: space-between; }
+    #player .rr-progress { order: -1; flex: 0 0 100%; }
+    #player .rr-timeline__time { width: auto; font-size: 13px; }
+  }
 </style>
 )" + std::string(head) +
          "</head>\n<body>\n";
@@ -61,8 +91,10 @@ constexpr std::string_view kPageEnd = "</body>\n</html>\n";
 
 }  // namespace
 
-// Sizes the player to the recorded screen's shape within the window, plays nothing until asked, and
-// reports what happened in body[data-state] ("playing" or "failed") for whoever drives the page.
+// Sizes the player to the window: the replay as large as the room below the page's header allows, in the
+// recorded screen's shape, and the player (whose controller spans it) at least wide enough for a usable
+// timeline where the window allows; again when the window changes. Plays nothing until asked, and reports
+// what happened in body[data-state] ("playing" or "failed") for whoever drives the page.
 std::string_view sessionPageScript() {
   return R"(
 (async () => {
@@ -75,15 +107,31 @@ std::string_view sessionPageScript() {
     if (events.length < 2) throw new Error(`the player needs at least two events, the session has ${events.length}`);
     if (!window.rrwebPlayer) throw new Error('the player script did not load');
     const meta = events.find((event) => event.type === 4);
-    const screen = meta ? meta.data : { width: 1024, height: 576 };
-    let height = Math.max(240, Math.min(window.innerHeight - 260, 800));
-    let width = Math.round((height * screen.width) / screen.height);
-    if (width > window.innerWidth - 32) {
-      width = window.innerWidth - 32;
-      height = Math.round((width * screen.height) / screen.width);
-    }
-    window.vdlPlayer = new rrwebPlayer.Player({ target, props: { events, width, height, autoPlay: false } });
+    const screen = meta && meta.data.width > 0 && meta.data.height > 0 ? meta.data : { width: 1024, height: 576 };
     status.remove();
+    const size = () => {
+      const controllerHeight = 80;
+      const margin = parseFloat(getComputedStyle(document.body).marginBottom) || 0;
+      const roomWidth = target.clientWidth;
+      const roomHeight = window.innerHeight - (target.getBoundingClientRect().top + window.scrollY) - controllerHeight - margin;
+      const scale = Math.min(roomWidth / screen.width, Math.max(roomHeight, 200) / screen.height);
+      return {
+        width: Math.floor(Math.min(roomWidth, Math.max(screen.width * scale, 720))),
+        height: Math.floor(screen.height * scale),
+      };
+    };
+    const player = new rrwebPlayer.Player({ target, props: { events, ...size(), maxScale: 0, autoPlay: false } });
+    let pending = false;
+    window.addEventListener('resize', () => {
+      if (pending) return;
+      pending = true;
+      requestAnimationFrame(() => {
+        pending = false;
+        player.$set(size());
+        player.triggerResize();
+      });
+    });
+    window.vdlPlayer = player;
     document.body.dataset.state = 'playing';
   } catch (error) {
     status.textContent = `Cannot play this session: ${error.message}`;
@@ -154,10 +202,12 @@ std::string sessionPage(const SessionSummary& session) {
   std::string page = pageStart("Session " + sessionId + " of " + session.deviceId,
                                "<link rel=\"stylesheet\" href=\"" + std::string(kPlayerStylePath) + "\">\n");
   page += "<p><a href=\"/\">All sessions</a></p>\n<dl>\n";
-  page += "<dt>Device</dt><dd id=\"device-id\">" + escapeHtml(session.deviceId) + "</dd>\n";
-  page += "<dt>Session</dt><dd id=\"session-id\">" + sessionId + "</dd>\n";
-  page += "<dt>Duration</dt><dd id=\"duration\">" + durationOf(session) + "</dd>\n";
-  page += "<dt>Events</dt><dd id=\"event-count\">" + std::to_string(session.eventCount) + "</dd>\n</dl>\n";
+  page += "<div><dt>Device</dt><dd id=\"device-id\">" + escapeHtml(session.deviceId) + "</dd></div>\n";
+  page += "<div><dt>Session</dt><dd id=\"session-id\">" + sessionId + "</dd></div>\n";
+  page += "<div><dt>Started</dt><dd id=\"start-time\">" + startOf(session) + "</dd></div>\n";
+  page += "<div><dt>Duration</dt><dd id=\"duration\">" + durationOf(session) + "</dd></div>\n";
+  page += "<div><dt>Events</dt><dd id=\"event-count\">" + std::to_string(session.eventCount) +
+          "</dd></div>\n</dl>\n";
   page += "<p id=\"status\">Loading the events…</p>\n";
   page += "<div id=\"player\" data-events-url=\"" + escapeHtml(eventsUrl) + "\"></div>\n";
   page += "<script src=\"" + std::string(kPlayerScriptPath) + "\"></script>\n";
