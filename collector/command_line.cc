@@ -19,6 +19,16 @@ std::optional<Number> parseNumber(std::string_view text, Number low, Number high
   return value;
 }
 
+// The limits that take any positive number of bytes or connections, by option name; null for any other.
+std::size_t* positiveLimit(CommandLine& line, std::string_view option) {
+  if (option == "--max-body-bytes") return &line.maxBodyBytes;
+  if (option == "--max-event-bytes") return &line.maxEventBytes;
+  if (option == "--max-block-bytes") return &line.maxBlockBytes;
+  if (option == "--min-body-rate") return &line.minBodyBytesPerSecond;
+  if (option == "--max-connections-per-client") return &line.maxConnectionsPerClient;
+  return nullptr;
+}
+
 }  // namespace
 
 std::string defaultAssetsDir() {
@@ -153,22 +163,14 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
       std::string host(*value);
       for (char& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
       line.allowedHosts.push_back(std::move(host));
-    } else if (option == "--max-body-bytes") {
-      const auto bytes = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
-      if (!bytes) return std::unexpected("--max-body-bytes takes a positive number");
-      line.maxBodyBytes = *bytes;
-    } else if (option == "--max-event-bytes" || option == "--max-block-bytes") {
-      const auto bytes = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
-      if (!bytes) return std::unexpected(std::string(option) + " takes a positive number");
-      (option == "--max-event-bytes" ? line.maxEventBytes : line.maxBlockBytes) = *bytes;
+    } else if (std::size_t* limit = positiveLimit(line, option)) {
+      const auto number = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
+      if (!number) return std::unexpected(std::string(option) + " takes a positive number");
+      *limit = *number;
     } else if (option == "--header-deadline-seconds") {
       const auto seconds = parseNumber<int>(*value, 1, 24 * 3600);
       if (!seconds) return std::unexpected("--header-deadline-seconds takes a number from 1 to 86400");
       line.headerDeadlineSeconds = *seconds;
-    } else if (option == "--min-body-rate" || option == "--max-connections-per-client") {
-      const auto number = parseNumber<std::size_t>(*value, 1, std::numeric_limits<std::size_t>::max());
-      if (!number) return std::unexpected(std::string(option) + " takes a positive number");
-      (option == "--min-body-rate" ? line.minBodyBytesPerSecond : line.maxConnectionsPerClient) = *number;
     } else {
       return std::unexpected("unknown option " + std::string(option));
     }
