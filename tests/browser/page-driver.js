@@ -389,6 +389,35 @@
       await new Promise((resolve) => requestAnimationFrame(() => requestAnimationFrame(resolve)));
     },
 
+    // Where the replay cannot show what the device showed, in CSS pixels of the frame: elements painted with
+    // the placeholder a blocked node gets (`placeholder` as the computed colour reads, "rgb(r, g, b)") and web
+    // view iframes, whose page the device's own drawing does not hold. Each is cut to what its scrolling or
+    // clipping ancestors and the frame let show.
+    maskRects(placeholder) {
+      const doc = replayer.iframe.contentDocument;
+      const view = doc.defaultView;
+      const frame = { left: 0, top: 0, right: view.innerWidth, bottom: view.innerHeight };
+      const rects = [];
+      for (const el of doc.querySelectorAll('iframe, [style*="background"]')) {
+        const kind = el.nodeName === 'IFRAME' ? 'web view' : el.style.backgroundColor === placeholder ? 'blocked' : null;
+        if (!kind || view.getComputedStyle(el).visibility === 'hidden') continue;
+        const r = el.getBoundingClientRect();
+        let box = { left: r.left, top: r.top, right: r.right, bottom: r.bottom };
+        const clip = (c) => {
+          box = { left: Math.max(box.left, c.left), top: Math.max(box.top, c.top),
+            right: Math.min(box.right, c.right), bottom: Math.min(box.bottom, c.bottom) };
+        };
+        for (let up = el.parentElement; up && up !== doc.documentElement; up = up.parentElement) {
+          if (view.getComputedStyle(up).overflow !== 'visible') clip(up.getBoundingClientRect());
+        }
+        clip(frame);
+        if (box.right <= box.left || box.bottom <= box.top) continue;
+        rects.push({ kind, id: mirror().getId(el), x: box.left, y: box.top, width: box.right - box.left,
+          height: box.bottom - box.top });
+      }
+      return rects;
+    },
+
     // What the replay shows inside the iframe element `id`: its page's visible text, the values of its
     // fields and how many style rules apply there.
     iframeContent(id) {

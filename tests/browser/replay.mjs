@@ -28,6 +28,11 @@ const INTERACTIONS = ['mouseUp', 'mouseDown', 'click', 'contextMenu', 'dblClick'
 
 export class RecordingError extends Error {}
 
+// The plain colour a blocked node shows in the replay instead of its content (the converter's placeholder,
+// #D6D7DC), as the browser reads it back from an element's style.
+export const PLACEHOLDER_RGB = [0xd6, 0xd7, 0xdc];
+const PLACEHOLDER_CSS = `rgb(${PLACEHOLDER_RGB.join(', ')})`;
+
 // ---- reading recordings ----
 
 // A packed event is a JSON string literal whose characters, taken as Latin-1 bytes, are a zlib stream of the
@@ -215,10 +220,13 @@ function normalizeCheckpoints(checkpoints, count) {
 
 // Replays `events` (in recording order) and returns what went wrong. Options: browser (a launched one to
 // share; otherwise one is launched and closed here), checkpoints ([{index, node}]), screenshot ({path, at:
-// {index} | {time, relative}}), iframes ([{id, at}]: what the iframe element `id` shows at that point, into
-// result.iframes as {id, index, documentId, doctype, compatMode, scrollY, text (body.innerText), inputs:
-// [{id, value}], styleRules}), maxProblems. Without `at`, a screenshot or an iframe is taken after the last
-// event.
+// {index} | {time, relative}}), screenshots (several in one replay: [{name?, path?, at, masks?}], into
+// result.screenshots in playback order as {name, path, index, png (the image's bytes), masks}; with
+// `masks: true`, the frame's rectangles in CSS pixels that show a placeholder or a web page: [{kind, id, x, y,
+// width, height}]), deviceScaleFactor (image pixels per CSS pixel, default 1), iframes ([{id, at}]: what the
+// iframe element `id` shows at that point, into result.iframes as {id, index, documentId, doctype, compatMode,
+// scrollY, text (body.innerText), inputs: [{id, value}], styleRules}), maxProblems. Without `at`, a
+// screenshot or an iframe is taken after the last event.
 export async function replayEvents(events, options = {}) {
   const started = Date.now();
   const entries = events.map((event, index) => ({ index, event }));
@@ -237,11 +245,14 @@ export async function replayEvents(events, options = {}) {
   result.checkpoints = checkpoints.length;
   // Where playback pauses to look at the replay: for the screenshot and for each iframe to read.
   const stops = [];
-  if (options.screenshot) stops.push({ position: playbackPosition(entries, options.screenshot.at), screenshot: options.screenshot });
+  const shots = [...options.screenshot ? [options.screenshot] : [], ...options.screenshots ?? []];
+  for (const shot of shots) stops.push({ position: playbackPosition(entries, shot.at), screenshot: shot });
+  if (options.screenshots) result.screenshots = [];
   for (const frame of options.iframes ?? []) {
     if (!Number.isInteger(frame.id)) throw new RecordingError(`an iframe to read needs an integer node id, not ${frame.id}`);
     stops.push({ position: playbackPosition(entries, frame.at), iframe: frame.id });
   }
+  // Stable: screenshots at one point are taken in the order they were asked for.
   stops.sort((a, b) => a.position - b.position);
   if (options.iframes) result.iframes = [];
   const meta = entries.find((e) => e.event.type === 4).event.data;
@@ -251,7 +262,7 @@ export async function replayEvents(events, options = {}) {
   };
 
   const browser = options.browser ?? await launchBrowser();
-  const context = await browser.newContext({ viewport });
+  const context = await browser.newContext({ viewport, deviceScaleFactor: options.deviceScaleFactor ?? 1 });
   try {
     // Nothing may come from the network: the replay must stand on the recording alone.
     await context.route('**/*', (route) => {
@@ -287,8 +298,13 @@ export async function replayEvents(events, options = {}) {
       const index = entries[stop.position].index;
       if (stop.screenshot) {
         await page.evaluate(() => window.vdlReplay.settle());
-        await page.locator('#replay-root iframe').screenshot({ path: stop.screenshot.path });
-        result.screenshot = { path: stop.screenshot.path, index };
+        const png = await page.locator('#replay-root iframe').screenshot({ path: stop.screenshot.path });
+        if (stop.screenshot === options.screenshot) {
+          result.screenshot = { path: stop.screenshot.path, index };
+        } else {
+          const masks = stop.screenshot.masks ? await page.evaluate((c) => window.vdlReplay.maskRects(c), PLACEHOLDER_CSS) : undefined;
+          result.screenshots.push({ name: stop.screenshot.name, path: stop.screenshot.path, index, png, masks });
+        }
       } else {
         const frame = { ...await page.evaluate((id) => window.vdlReplay.iframeContent(id), stop.iframe), index };
         if (frame.error) result.problems.push({ index, kind: 'iframe', message: frame.error });
