@@ -33,6 +33,9 @@ build/fuzz/build.ninja:
 
 unit-test: build
 	ctest --test-dir build/release --output-on-failure -j $(JOBS)
+	@# How close the replays look to the device's frames: thresholds and measured values of the browser tests.
+	@cat build/release/tests/scenario/fidelity.txt build/release/tests/demo/fidelity.txt \
+	  build/release/tests/webview/fidelity.txt 2>/dev/null || true
 
 asan-test: deps build/asan/build.ninja
 	ninja -C build/asan -j $(JOBS) vdl_tests

@@ -1,24 +1,32 @@
 // The demo app end to end: vdl-demo records its scripted app through the library, uploads to the collector
 // it starts, and writes what the collector received (--out). Every block must have arrived once, the
 // recording must replay cleanly and show the feed as it was, and nothing typed into the password or
-// one-time-code field may be in it, neither as text nor as a pixel of the fields' unique text colour.
+// one-time-code field may be in it, neither as text nor as a pixel of the fields' unique text colour. The
+// replay must look like the device's frames (--frames), where the demo writes them.
 //
 // Needs the demo the build makes; CTest passes it (browser_demo_test):
 //   VDL_DEMO_BIN   vdl-demo (without it this file is skipped)
-//   VDL_DEMO_OUT   where the received data and demo-feed.png go (default a temporary folder)
+//   VDL_DEMO_OUT   where the received data, demo-feed.png, the replay's frames and fidelity.txt go (default a
+//                  temporary folder)
 import assert from 'node:assert/strict';
 import { execFile } from 'node:child_process';
-import { mkdir, mkdtemp, readdir, readFile } from 'node:fs/promises';
+import { mkdir, mkdtemp, readdir, readFile, writeFile } from 'node:fs/promises';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
 import { after, before, test } from 'node:test';
 import { promisify } from 'node:util';
 
+import { compareFrames, formatFidelity, frameReplayOptions, loadFrames, skippedNote } from './fidelity.mjs';
 import { decodePackedEvent, formatResult, launchBrowser, replayEvents } from './replay.mjs';
 
 const demoBin = process.env.VDL_DEMO_BIN;
 const skip = demoBin ? false : 'VDL_DEMO_BIN is not set (CTest runs this as browser_demo_test)';
 const run = promisify(execFile);
+
+// Mean SSIM and worst 16 pt tile outside the masks, for every frame of the demo. Set from synthetic frames
+// (the replay itself scores 1, text rendered at 1x and stretched scores 0.54 in the worst tile); to calibrate
+// on the device's frames: the lowest values a good build measures, less a margin.
+const FIDELITY_THRESHOLDS = { ssim: 0.95, local: 0.85 };
 
 let out;
 let demo;            // demo.json: the session, the secrets and their colour, where the feed's parts are
@@ -26,12 +34,16 @@ let requests;        // every request the collector received, with its body
 let events;          // the events of the accepted upload bodies, decoded, in upload order
 let browser;
 let page;            // a blank page for reading pixels
+let replayed;        // the one replay of the recording: {result, frames (null without frames.json), scale}
 
 before(async () => {
   if (!demoBin) return;
   out = process.env.VDL_DEMO_OUT || await mkdtemp(path.join(tmpdir(), 'vdl-demo-'));
   await mkdir(out, { recursive: true });
-  await run(demoBin, ['--seconds', '6', '--no-serve', '--out', out], { timeout: 120_000 });
+  // Older demos have no --frames; their replay is compared with nothing.
+  const help = await run(demoBin, ['--help']).then((r) => r.stdout + r.stderr, (e) => `${e.stdout}${e.stderr}`);
+  const frameArgs = help.includes('--frames') ? ['--frames'] : [];
+  await run(demoBin, ['--seconds', '6', '--no-serve', '--out', out, ...frameArgs], { timeout: 120_000 });
   const json = async (name) => JSON.parse(await readFile(path.join(out, name), 'utf8'));
   demo = await json('demo.json');
   requests = await json('requests.json');
@@ -115,12 +127,24 @@ test('every block reaches the collector exactly once, numbered 1..n in its sessi
   assert.equal(served.length, events.length);
 });
 
+// One replay serves the feed's screenshot and the device's frames, at the frames' scale.
+function replay() {
+  replayed ??= (async () => {
+    const frames = await loadFrames(path.join(out, 'frames.json'), { optional: true });
+    const result = await replayEvents(events, {
+      browser, screenshot: { path: path.join(out, 'demo-feed.png'), at: { time: demo.feedShownAt } },
+      ...frames && frameReplayOptions(frames, { saveDir: path.join(out, 'replay-frames') }),
+    });
+    return { result, frames, scale: frames?.[0].scale ?? 1 };
+  })();
+  return replayed;
+}
+
 test('the recording replays cleanly and shows the gradient header under the blurred bar', { skip }, async () => {
-  const screenshot = path.join(out, 'demo-feed.png');
-  const result = await replayEvents(events, { browser, screenshot: { path: screenshot, at: { time: demo.feedShownAt } } });
+  const { result, scale } = await replay();
   assert.ok(result.ok, formatResult(result));
 
-  const png = `data:image/png;base64,${(await readFile(screenshot)).toString('base64')}`;
+  const png = `data:image/png;base64,${(await readFile(result.screenshot.path)).toString('base64')}`;
   const bar = demo.navigationBar;
   const header = demo.header;
   const below = bar.y + bar.height + 8;  // the header where the bar does not cover it
@@ -128,7 +152,7 @@ test('the recording replays cleanly and shows the gradient header under the blur
     [header.x + 8, below], [header.x + header.width - 8, header.y + header.height - 8],
     [bar.x + 8, bar.y + 20], [bar.x + bar.width - 8, bar.y + 20],
     [bar.x + 8, below], [bar.x + bar.width - 8, below],
-  ]);
+  ].map(([x, y]) => [x * scale, y * scale]));
   // The header runs from violet to sky blue: blue dominates, and the two corners differ.
   for (const pixel of [gradientLeft, gradientRight]) {
     assert.ok(pixel[2] > 200 && pixel[2] - pixel[0] > 60, `not the header's gradient: ${pixel}`);
@@ -141,6 +165,20 @@ test('the recording replays cleanly and shows the gradient header under the blur
     assert.ok(distance(pixel, beneath) > 30, `the bar does not change what is behind it: ${pixel} / ${beneath}`);
     assert.ok(pixel[2] - pixel[0] > 10, `the bar hides the gradient's hue: ${pixel}`);
   }
+});
+
+test('the replay looks like the device\'s frames outside the masked regions', { skip }, async (t) => {
+  const { result, frames } = await replay();
+  if (!frames) {
+    const note = skippedNote(path.join(out, 'frames.json'));
+    await writeFile(path.join(out, 'fidelity.txt'), `${note}\n`);
+    t.skip(note);
+    return;
+  }
+  const report = compareFrames(frames, result, { thresholds: FIDELITY_THRESHOLDS });
+  await writeFile(path.join(out, 'fidelity.txt'), `${formatFidelity(report)}\n`);
+  console.log(formatFidelity(report));
+  assert.ok(report.ok, formatFidelity(report));
 });
 
 test('nothing typed into the password or one-time-code field leaves the device, as text or pixels', { skip }, async () => {

@@ -6,12 +6,15 @@
 // command and as a module (the browser tests import it).
 //
 //   node tests/browser/fidelity.mjs (--frames FILE | --frames-if-present FILE) [--threshold X]
-//       [--local-threshold X] [--save-replays DIR] [any option of replay.mjs] INPUT...
+//       [--local-threshold X] [--save-replays DIR] [--report FILE] [any option of replay.mjs] INPUT...
+//
+// --frames-if-present runs the replay's own checks alone, with a note, when there is no frames.json;
+// --report also writes the comparison's table (or that note) to FILE.
 //
 // frames.json: [{"name", "file" (relative to frames.json), "scale", "time" (ms on the recording's clock: the
 // replay shows the last event at or before it) | "index" (of the last event written when the frame was
 // taken)}], in time order.
-import { mkdir, readFile } from 'node:fs/promises';
+import { mkdir, readFile, writeFile } from 'node:fs/promises';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 
@@ -235,10 +238,12 @@ export function formatFidelity(report) {
   return lines.join('\n');
 }
 
+export const skippedNote = (file) => `fidelity SKIPPED: no ${file} (the device frames are not written yet)`;
+
 // ---- command line ----
 
 const USAGE = 'usage: node tests/browser/fidelity.mjs (--frames FILE | --frames-if-present FILE) [--threshold X]'
-  + ' [--local-threshold X] [--save-replays DIR] [options of replay.mjs] INPUT...';
+  + ' [--local-threshold X] [--save-replays DIR] [--report FILE] [options of replay.mjs] INPUT...';
 
 export async function main(argv) {
   try {
@@ -262,6 +267,7 @@ export async function main(argv) {
       } else if (flag === '--threshold') own.thresholds.ssim = share(value());
       else if (flag === '--local-threshold') own.thresholds.local = share(value());
       else if (flag === '--save-replays') own.saveDir = value();
+      else if (flag === '--report') own.report = value();
       else if (flag === '-h' || flag === '--help') {
         console.log(USAGE);
         return 0;
@@ -297,8 +303,10 @@ export async function main(argv) {
       console.log(JSON.stringify({ replay: { ...replay, screenshots: undefined }, fidelity: report ? rest : null }, null, 2));
     } else {
       console.log(formatResult(replay));
-      console.log(report ? formatFidelity(report) : `fidelity SKIPPED: no ${own.frames} (the device frames are not written yet)`);
     }
+    const text = report ? formatFidelity(report) : skippedNote(own.frames);
+    if (!options.json) console.log(text);
+    if (own.report) await writeFile(own.report, `${text}\n`);
     return replay.ok && (!report || report.ok) ? 0 : 1;
   } catch (error) {
     if (!(error instanceof RecordingError)) throw error;

@@ -1,6 +1,6 @@
 // The pixel comparison of a replay with device frames, against frames made from the replay itself: the
-// same image must score 1, and what a faulty replay would look like (soft text, a change outside the masks,
-// masks over most of the screen) must fail, while a difference the masks hide must not.
+// same image must score 1, and what a faulty replay would look like (soft text, masks over most of the
+// screen) must fail, while a difference the masks hide must not.
 import assert from 'node:assert/strict';
 import { mkdtemp, rm, writeFile } from 'node:fs/promises';
 import { tmpdir } from 'node:os';

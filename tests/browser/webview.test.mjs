@@ -1,11 +1,13 @@
 // A real page recorded by the script the library injects into web views, its messages fed through the
 // library on the simulated device, and the merged recording replayed: the page must show inside the web
-// view's frame as it was, through a restart of the page's recording.
+// view's frame as it was, through a restart of the page's recording, and look like the device's frames
+// outside the web view and the blocked regions, where the scenario writes them.
 //
 // Needs the two programs the build makes; CTest passes them (browser_webview_test):
 //   VDL_RECORD_WEBVIEW_BIN   vdl_record_webview_scenario (without it this file is skipped)
 //   VDL_INJECTED_SCRIPT_BIN  vdl-injected-script (default build/release/tools/vdl-injected-script)
-//   VDL_WEBVIEW_OUT          where messages.json, events.json and webview.png go (default a temporary folder)
+//   VDL_WEBVIEW_OUT          where messages.json, events.json, webview.png and fidelity.txt go (default a
+//                            temporary folder)
 import assert from 'node:assert/strict';
 import { execFile } from 'node:child_process';
 import { mkdir, mkdtemp, readFile, writeFile } from 'node:fs/promises';
@@ -16,12 +18,18 @@ import { after, before, test } from 'node:test';
 import { fileURLToPath } from 'node:url';
 import { promisify } from 'node:util';
 
+import { compareFrames, formatFidelity, frameReplayOptions, loadFrames, skippedNote } from './fidelity.mjs';
 import { launchBrowser, replayEvents } from './replay.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const recordBin = process.env.VDL_RECORD_WEBVIEW_BIN;
 const scriptBin = process.env.VDL_INJECTED_SCRIPT_BIN || path.resolve(here, '../../build/release/tools/vdl-injected-script');
 const run = promisify(execFile);
+
+// Mean SSIM and worst 16 pt tile outside the masks (the web view's page is one: the device cannot draw it).
+// Set from synthetic frames (the replay itself scores 1, text rendered at 1x and stretched 0.54 in the worst
+// tile); to calibrate on the device's frames: the lowest values a good build measures, less a margin.
+const FIDELITY_THRESHOLDS = { ssim: 0.95, local: 0.85 };
 
 // The page the web view shows: a heading, a field, a list that a timer keeps changing and a style sheet.
 const PAGE = `<!DOCTYPE html>
@@ -76,7 +84,7 @@ after(async () => {
 });
 
 test('a page recorded in a web view replays inside the web view\'s frame, through a restart of its recording',
-  { skip: recordBin ? false : 'VDL_RECORD_WEBVIEW_BIN is not set (CTest runs this as browser_webview_test)' }, async () => {
+  { skip: recordBin ? false : 'VDL_RECORD_WEBVIEW_BIN is not set (CTest runs this as browser_webview_test)' }, async (t) => {
     const out = process.env.VDL_WEBVIEW_OUT || await mkdtemp(path.join(tmpdir(), 'vdl-webview-'));
     await mkdir(out, { recursive: true });
     const script = (await run(scriptBin, [], { maxBuffer: 16 << 20 })).stdout;
@@ -137,10 +145,13 @@ test('a page recorded in a web view replays inside the web view\'s frame, throug
     assert.equal(frameIds.size, 1, 'one web view');
     const [frameId] = frameIds;
 
-    // The screenshot shows the page as the last restart of its recording found it, before it scrolls.
+    // The screenshot shows the page as the last restart of its recording found it, before it scrolls. The same
+    // replay photographs the moments of the device's frames.
+    const frames = await loadFrames(path.join(out, 'frames.json'), { optional: true });
     const result = await replayEvents(events, {
       browser, screenshot: { path: path.join(out, 'webview.png'), at: { index: events.indexOf(attaches.at(-1)) } },
       iframes: [{ id: frameId }],
+      ...frames && frameReplayOptions(frames, { saveDir: path.join(out, 'replay-frames') }),
     });
     const problems = result.problems.map((p) => `#${p.index} (${p.event}) [${p.kind}] ${p.message}`).join('\n');
     assert.equal(problems, '', `${problems}\nrecorder: ${recorded.stdout}`);
@@ -150,6 +161,19 @@ test('a page recorded in a web view replays inside the web view\'s frame, throug
     assert.match(shown.text, /Your order is on its way/);
     assert.deepEqual([live.note, ...shown.inputs.map((input) => input.value)], ['Ring twice', 'Ring twice']);
     assert.ok(shown.styleRules >= 3, `the page's style sheet is replayed (${shown.styleRules} rules)`);
+
+    await t.test('the replay looks like the device\'s frames outside the web view', async (sub) => {
+      if (!frames) {
+        const note = skippedNote(path.join(out, 'frames.json'));
+        await writeFile(path.join(out, 'fidelity.txt'), `${note}\n`);
+        sub.skip(note);
+        return;
+      }
+      const report = compareFrames(frames, result, { thresholds: FIDELITY_THRESHOLDS });
+      await writeFile(path.join(out, 'fidelity.txt'), `${formatFidelity(report)}\n`);
+      console.log(formatFidelity(report));
+      assert.ok(report.ok, formatFidelity(report));
+    });
   });
 
 test('a page with a module loader is recorded too, without the recorder handed to its loader',
