@@ -55,20 +55,15 @@ std::vector<std::shared_ptr<platform::View>> SimViewNode::subviewList() const {
 }
 
 void SimView::setFill(std::optional<platform::Color> color, double cornerRadius) {
-  fill_ = color;
-  cornerRadius_ = cornerRadius;
-  redraw();
+  simLayer()->setBackgroundColor(color);
+  simLayer()->setCornerRadius(cornerRadius);
 }
 
-void SimView::redraw() {
-  if (!fill_) {
-    if (simLayer()->contents()) simLayer()->setContents(std::nullopt);
-    return;
-  }
-  const platform::Rect bounds = simLayer()->properties().bounds;
-  if (bounds.isEmpty()) return;
-  simLayer()->setContents(std::make_shared<const platform::Bitmap>(
-      draw(Drawing::filled(fill_, cornerRadius_), bounds.size, simLayer()->properties().contentsScale)));
+void SimView::setBorder(double width, std::optional<platform::Color> color) {
+  simLayer()->update([&](platform::LayerProperties& properties) {
+    properties.borderWidth = width;
+    properties.borderColor = color;
+  });
 }
 
 SimTextView::SimTextView(std::string className, platform::ViewKind kind, std::string text, TextStyle style)
@@ -126,8 +121,56 @@ SimImageView::SimImageView(std::shared_ptr<const platform::Image> image)
 
 void SimImageView::setImage(std::shared_ptr<const platform::Image> image) {
   image_ = std::move(image);
-  if (image_ && image_->bitmap()) {
-    simLayer()->setContents(image_->bitmap());
+  redraw();
+}
+
+void SimImageView::setHighlightedImage(std::shared_ptr<const platform::Image> image) {
+  highlightedImage_ = std::move(image);
+  redraw();
+}
+
+void SimImageView::setHighlighted(bool highlighted) {
+  highlighted_ = highlighted;
+  redraw();
+}
+
+void SimImageView::setTintColor(std::optional<platform::Color> tint) {
+  tint_ = tint;
+  redraw();
+}
+
+void SimImageView::redraw() {
+  auto image = highlighted_ && highlightedImage_ ? highlightedImage_ : image_;
+  if (!image) {
+    shown_.reset();
+    if (simLayer()->contents()) simLayer()->setContents(std::nullopt);
+    return;
+  }
+  const auto mode = image->renderingMode();
+  const bool drawsAsTemplate = mode == platform::ImageRenderingMode::alwaysTemplate ||
+                               (mode == platform::ImageRenderingMode::automatic && image->isSymbolImage());
+  const std::optional<platform::Color> tint = drawsAsTemplate ? tint_ : std::nullopt;
+  const double scale = simLayer()->properties().contentsScale;
+  // Only a drawn symbol depends on the scale; a bitmap is shown as it is.
+  const Shown shown{image, tint, image->bitmap() ? 0.0 : scale};
+  if (shown_ == shown) return;
+  shown_ = shown;
+
+  if (tint) {
+    if (auto tinted = image->tinted(*tint)) image = std::move(tinted);
+  }
+  std::shared_ptr<const platform::Bitmap> bitmap = image->bitmap();
+  if (!bitmap) {
+    // Drawn at the image's own scale, so its size in points is scaled to reach the screen's pixels.
+    const platform::Size size = image->size();
+    const double factor = scale / image->scale();
+    if (auto drawn = image->draw({size.width * factor, size.height * factor}, false)) {
+      drawn->scale = scale;
+      bitmap = std::make_shared<const platform::Bitmap>(std::move(*drawn));
+    }
+  }
+  if (bitmap) {
+    simLayer()->setContents(bitmap);
   } else if (simLayer()->contents()) {
     simLayer()->setContents(std::nullopt);
   }
@@ -237,9 +280,13 @@ void SimVisualEffectView::layOut() {
   effectViews_.clear();
   const platform::Rect bounds{{0, 0}, frame().size};
   const bool dark = userInterfaceStyle() == platform::UserInterfaceStyle::dark;
+  std::vector<platform::CompositorFilter> contentFilters;
   if (blurStyle_ && !vibrancyStyle_) {
     const BlurLook look = blurLook(*blurStyle_, dark);
-    auto backdrop = make<SimView>("_UIVisualEffectBackdropView");
+    // The backdrop layer is what makes the filters apply to what lies behind the view rather than to the
+    // layer's own (empty) contents.
+    auto backdrop =
+        make<SimView>("_UIVisualEffectBackdropView", platform::ViewKind::other, "UICABackdropLayer");
     backdrop->setFrame(bounds);
     backdrop->simLayer()->setFilters({
         {.name = "gaussianBlur",
@@ -253,16 +300,14 @@ void SimVisualEffectView::layOut() {
     tint->simLayer()->setBackgroundColor(look.tint);
     effectViews_ = {backdrop, tint};
   } else if (blurStyle_ && vibrancyStyle_) {
-    auto vibrancy = make<SimView>("_UIVisualEffectSubview");
-    vibrancy->setFrame(bounds);
-    vibrancy->simLayer()->setFilters({
+    contentFilters = {
         {.name = "vibrantColorMatrix",
-         .type = "colorMatrix",
+         .type = "vibrantColorMatrix",
          .inputs = {{"inputColorMatrix", vibrancyMatrix(*vibrancyStyle_, blurLook(*blurStyle_, dark))}}},
-    });
-    effectViews_ = {vibrancy};
+    };
   }
   for (const auto& view : effectViews_) addSubview(view);
+  if (content_->simLayer()->filters() != contentFilters) content_->simLayer()->setFilters(contentFilters);
   content_->setFrame(bounds);
   addSubview(content_);
 }

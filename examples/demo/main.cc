@@ -586,7 +586,8 @@ void buildFeed(App& app) {
   }
 
   app.navigationBar = placed(sim::SimViewNode::make<sim::SimVisualEffectView>(), kNavigationBar);
-  app.navigationBar->setBlurEffect(sim::blurStyle::systemChromeMaterial);
+  // A thin material, through which what scrolls under the bar shows, blurred.
+  app.navigationBar->setBlurEffect(sim::blurStyle::systemThinMaterial);
   app.navigationBar->contentView()->addSubview(label("Feed", {{176, 62}, {60, 24}}));
   app.feed->addSubview(app.navigationBar);
 }

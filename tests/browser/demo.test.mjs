@@ -1,13 +1,14 @@
 // The demo app end to end: vdl-demo records its scripted app through the library, uploads to the collector
 // it starts, and writes what the collector received (--out). Every block must have arrived once, the
-// recording must replay cleanly and show the feed as it was, and nothing typed into the password or
-// one-time-code field may be in it, neither as text nor as a pixel of the fields' unique text colour. The
-// replay must look like the device's frames (--frames), where the demo writes them.
+// recording must replay cleanly and show the feed as it was, with what scrolls under its navigation bar
+// blurred, and nothing typed into the password or one-time-code field may be in it, neither as text nor as
+// a pixel of the fields' unique text colour. The replay must look like the device's frames (--frames),
+// where the demo writes them.
 //
 // Needs the demo the build makes; CTest passes it (browser_demo_test):
 //   VDL_DEMO_BIN   vdl-demo (without it this file is skipped)
-//   VDL_DEMO_OUT   where the received data, demo-feed.png, the replay's frames and fidelity.txt go (default a
-//                  temporary folder)
+//   VDL_DEMO_OUT   where the received data, the feed's screenshots, the replay's frames and fidelity.txt go
+//                  (default a temporary folder)
 import assert from 'node:assert/strict';
 import { execFile } from 'node:child_process';
 import { mkdir, mkdtemp, readdir, readFile, writeFile } from 'node:fs/promises';
@@ -105,6 +106,45 @@ async function countNear(dataUrls, colors, tolerance = 60) {
 
 const distance = (a, b) => Math.max(...[0, 1, 2].map((i) => Math.abs(a[i] - b[i])));
 
+// How sharp the rects of an image are: the strong luminance steps between neighbouring pixels (the 99th
+// percentile) over the spread of luminance (1st to 99th percentile). A tint laid over the rects scales
+// both alike; a blur flattens the steps and keeps much of the spread.
+async function sharpness(dataUrl, rects) {
+  return page.evaluate(async ({ url, rects }) => {
+    const { width, data } = await window.readPixels(url);
+    const luminance = (x, y) => {
+      const i = (y * width + x) * 4;
+      return 0.299 * data[i] + 0.587 * data[i + 1] + 0.114 * data[i + 2];
+    };
+    const values = [];
+    const steps = [];
+    for (const r of rects) {
+      for (let y = r.y; y < r.y + r.height - 1; y += 1) {
+        for (let x = r.x; x < r.x + r.width - 1; x += 1) {
+          const value = luminance(x, y);
+          values.push(value);
+          steps.push(Math.max(Math.abs(luminance(x + 1, y) - value), Math.abs(luminance(x, y + 1) - value)));
+        }
+      }
+    }
+    const percentile = (list, p) => list.sort((a, b) => a - b)[Math.floor((list.length - 1) * p)];
+    return percentile(steps, 0.99) / (percentile(values, 0.99) - percentile(values, 0.01) + 1);
+  }, { url: dataUrl, rects });
+}
+
+// The event after which the list is scrolled furthest, and how far: the list shows its content from a
+// negative top margin.
+function furthestScroll() {
+  let furthest = { index: -1, offset: 0 };
+  events.forEach((event, index) => {
+    for (const change of event.type === 3 && event.data.source === 0 ? event.data.attributes : []) {
+      const offset = -Number(/margin-top:(-?[\d.]+)px/.exec(change.attributes.style ?? '')?.[1] ?? 0);
+      if (offset > furthest.offset) furthest = { index, offset };
+    }
+  });
+  return furthest;
+}
+
 test('every block reaches the collector exactly once, numbered 1..n in its session', { skip }, async () => {
   const tracks = requests.filter((r) => r.path === '/sessions/v2/track');
   assert.ok(tracks.length >= 2, `the sign-in flush and the end make two blocks at least; got ${tracks.length}`);
@@ -127,24 +167,32 @@ test('every block reaches the collector exactly once, numbered 1..n in its sessi
   assert.equal(served.length, events.length);
 });
 
-// One replay serves the feed's screenshot and the device's frames, at the frames' scale.
+// One replay serves the feed's screenshots and the device's frames, at the frames' scale: the feed as it
+// was first shown, and scrolled furthest, with its cards under the bar.
 function replay() {
   replayed ??= (async () => {
     const frames = await loadFrames(path.join(out, 'frames.json'), { optional: true });
+    const options = frames ? frameReplayOptions(frames, { saveDir: path.join(out, 'replay-frames') }) : {};
     const result = await replayEvents(events, {
-      browser, screenshot: { path: path.join(out, 'demo-feed.png'), at: { time: demo.feedShownAt } },
-      ...frames && frameReplayOptions(frames, { saveDir: path.join(out, 'replay-frames') }),
+      browser,
+      deviceScaleFactor: options.deviceScaleFactor,
+      screenshots: [
+        { name: 'feed', path: path.join(out, 'demo-feed.png'), at: { time: demo.feedShownAt } },
+        { name: 'feed-scrolled', path: path.join(out, 'demo-feed-scrolled.png'), at: { index: Math.max(0, furthestScroll().index) } },
+        ...options.screenshots ?? [],
+      ],
     });
     return { result, frames, scale: frames?.[0].scale ?? 1 };
   })();
   return replayed;
 }
 
-test('the recording replays cleanly and shows the gradient header under the blurred bar', { skip }, async () => {
+test('the recording replays cleanly, shows the gradient header under the blurred bar and blurs what scrolls under it', { skip }, async () => {
   const { result, scale } = await replay();
   assert.ok(result.ok, formatResult(result));
 
-  const png = `data:image/png;base64,${(await readFile(result.screenshot.path)).toString('base64')}`;
+  const shot = (name) => `data:image/png;base64,${result.screenshots.find((x) => x.name === name).png.toString('base64')}`;
+  const png = shot('feed');
   const bar = demo.navigationBar;
   const header = demo.header;
   const below = bar.y + bar.height + 8;  // the header where the bar does not cover it
@@ -165,6 +213,20 @@ test('the recording replays cleanly and shows the gradient header under the blur
     assert.ok(distance(pixel, beneath) > 30, `the bar does not change what is behind it: ${pixel} / ${beneath}`);
     assert.ok(pixel[2] - pixel[0] > 10, `the bar hides the gradient's hue: ${pixel}`);
   }
+
+  // Scrolled, the cards' photos and text pass under the bar: there they must be blurred, as the same
+  // content is not where it showed before the scroll. The bar's title, in the middle, is left out.
+  const scroll = furthestScroll();
+  assert.ok(scroll.offset >= bar.height, `the list never scrolls under the bar: ${JSON.stringify(scroll)}`);
+  const scrolledPng = shot('feed-scrolled');
+  const sides = (top) => [
+    { x: bar.x, y: top, width: Math.round(bar.width * 0.4), height: bar.height },
+    { x: bar.x + Math.round(bar.width * 0.62), y: top, width: Math.round(bar.width * 0.38), height: bar.height },
+  ].map((r) => Object.fromEntries(Object.entries(r).map(([k, v]) => [k, Math.round(v * scale)])));
+  const underBar = await sharpness(scrolledPng, sides(bar.y));
+  const inTheOpen = await sharpness(png, sides(bar.y + scroll.offset));
+  assert.ok(underBar < inTheOpen / 4,
+    `what lies under the bar is not blurred: sharpness ${underBar.toFixed(3)} there, ${inTheOpen.toFixed(3)} in the open`);
 });
 
 test('the replay looks like the device\'s frames outside the masked regions', { skip }, async (t) => {

@@ -204,24 +204,49 @@ TEST_F(LayerContentsTest, BitmapIsReusedUntilTheObserverClearsIt) {
 }
 
 TEST_F(LayerContentsTest, ImageViewGivesItsImageTintedOrHighlighted) {
+  using Pixel = std::array<std::uint8_t, 4>;
+  const Pixel red{255, 0, 0, 255}, blue{0, 0, 255, 255};
   auto templated = SimImage::fromBitmap(sim::solidBitmap(2, 2, kRed),
                                         {.renderingMode = platform::ImageRenderingMode::alwaysTemplate});
   auto view = sim::SimViewNode::make<SimImageView>(templated);
-  auto& layer = *view->simLayer();
-  EXPECT_EQ(contentsAs<LayerContents::UiImage>(read(layer)).image, templated);
+  const auto layer = view->simLayer();
+  LayerObserver observer;
+  observer.observe(layer);
+  const auto metadata = metadataOf(*layer);
+  // As captures read it: the cached contents stand until the layer reports a change.
+  const auto capture = [&] {
+    metadata->contents = read(*layer, metadata->contents);
+    return contentsAs<LayerContents::UiImage>(metadata->contents).image;
+  };
+  // What the layer itself shows, which is what the screen shows.
+  const auto shown = [&] { return std::get<std::shared_ptr<const platform::Bitmap>>(*layer->contents()); };
+
+  EXPECT_EQ(capture(), templated);
   view->setTintColor(kBlue);
-  auto tinted = contentsAs<LayerContents::UiImage>(read(layer)).image;
-  ASSERT_NE(tinted, nullptr);
-  EXPECT_EQ(sim::pixelAt(*tinted->bitmap(), 0, 0), (std::array<std::uint8_t, 4>{0, 0, 255, 255}));
+  auto tinted = capture();
+  ASSERT_NE(tinted.get(), templated.get()) << "the tint reaches the layer";
+  EXPECT_EQ(sim::pixelAt(*tinted->bitmap(), 0, 0), blue);
+  EXPECT_EQ(sim::pixelAt(*shown(), 0, 0), blue);
 
   auto original = SimImage::fromBitmap(sim::solidBitmap(2, 2, kRed));
   view->setImage(original);
   view->setHighlighted(true);
-  EXPECT_EQ(contentsAs<LayerContents::UiImage>(read(layer)).image, original)
-      << "not a template, and no highlighted image to show";
+  EXPECT_EQ(capture(), original) << "not a template, and no highlighted image to show";
+  EXPECT_EQ(sim::pixelAt(*shown(), 0, 0), red);
   auto highlighted = SimImage::fromBitmap(sim::solidBitmap(2, 2, kBlue));
   view->setHighlightedImage(highlighted);
-  EXPECT_EQ(contentsAs<LayerContents::UiImage>(read(layer)).image, highlighted);
+  EXPECT_EQ(capture(), highlighted);
+  EXPECT_EQ(sim::pixelAt(*shown(), 0, 0), blue);
+  view->setHighlighted(false);
+  EXPECT_EQ(capture(), original);
+
+  // A symbol has no bitmap: the view draws it, as a template in the tint, at the screen's scale.
+  view->setContentsScale(3);
+  view->setImage(SimImage::symbol({20, 10}, kRed));
+  ASSERT_NE(capture(), nullptr);
+  ASSERT_EQ((std::array{shown()->width, shown()->height}), (std::array{60u, 30u}));
+  EXPECT_EQ(shown()->scale, 3);
+  EXPECT_EQ(sim::pixelAt(*shown(), 30, 15), blue);
 }
 
 TEST(LayerObserverTest, ContentsChangesDropTheContentsAndFilterChangesOnlyTheEffect) {

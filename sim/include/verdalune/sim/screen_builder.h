@@ -50,7 +50,7 @@ class ScreenBuilder {
   ScreenBuilder& textField(std::string text, platform::Rect frame, TextFieldOptions options = {});
   ScreenBuilder& textView(std::string text, platform::Rect frame, TextStyle style = {});
   ScreenBuilder& image(std::shared_ptr<const platform::Image> image, platform::Rect frame);
-  // A drawn rounded rect, as a card or button background.
+  // A view of a background colour and corner radius, as a card or button background.
   ScreenBuilder& box(platform::Rect frame, platform::Color fill, double cornerRadius = 0);
   ScreenBuilder& map(platform::Rect frame);
   ScreenBuilder& webView(platform::Rect frame, std::optional<std::string> url = std::nullopt);

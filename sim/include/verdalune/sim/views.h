@@ -77,22 +77,19 @@ class BasicSimView : public Base, public SimViewNode {
   platform::UserInterfaceStyle style_ = platform::UserInterfaceStyle::light;
 };
 
-// A view of kind `other` (or another kind with no members of its own); it may paint a filled rounded
-// rect, as a drawn button background or card does.
+// A view of kind `other` (or another kind with no members of its own). A card, a button background or a
+// switch's track is one of these with a fill: the layer's own background colour and corner radius, as
+// an application sets them, not a bitmap.
 class SimView : public BasicSimView<platform::View> {
  public:
-  explicit SimView(std::string className = "UIView", platform::ViewKind kind = platform::ViewKind::other)
-      : BasicSimView(std::move(className), kind) {}
+  explicit SimView(std::string className = "UIView", platform::ViewKind kind = platform::ViewKind::other,
+                   std::string layerClassName = "CALayer")
+      : BasicSimView(std::move(className), kind, std::move(layerClassName)) {}
 
-  // Paints a rounded rect of `color` into the layer's contents; none clears them.
+  // Sets the layer's background colour (none clears it) and corner radius.
   void setFill(std::optional<platform::Color> color, double cornerRadius = 0);
-
- protected:
-  void redraw() override;
-
- private:
-  std::optional<platform::Color> fill_;
-  double cornerRadius_ = 0;
+  // Sets the layer's border; a width of 0 removes it.
+  void setBorder(double width, std::optional<platform::Color> color);
 };
 
 struct TextStyle {
@@ -148,23 +145,36 @@ class SimImageView final : public BasicSimView<platform::ImageView> {
   std::shared_ptr<const platform::SymbolConfiguration> resolvedForTraits(
       const platform::SymbolConfiguration& configuration) const override;
 
-  // Setting the image also shows its bitmap as the layer's contents, as the platform's image view does.
+  // Each of these changes what the view shows, so each sets the layer's contents anew, as the platform's
+  // image view does: the highlighted image while highlighted (when there is one), a template in the tint
+  // colour, a symbol drawn at the screen's scale.
   void setImage(std::shared_ptr<const platform::Image> image);
-  void setHighlightedImage(std::shared_ptr<const platform::Image> image) {
-    highlightedImage_ = std::move(image);
-  }
-  void setHighlighted(bool highlighted) { highlighted_ = highlighted; }
-  void setTintColor(std::optional<platform::Color> tint) { tint_ = tint; }
+  void setHighlightedImage(std::shared_ptr<const platform::Image> image);
+  void setHighlighted(bool highlighted);
+  void setTintColor(std::optional<platform::Color> tint);
   void setPreferredSymbolConfiguration(std::shared_ptr<const platform::SymbolConfiguration> configuration) {
     preferredConfiguration_ = std::move(configuration);
   }
 
+ protected:
+  // A symbol has no pixels of its own: a new scale draws it again.
+  void redraw() override;
+
  private:
+  // What the contents were last made from, so that a change of nothing shown leaves the layer alone.
+  struct Shown {
+    std::shared_ptr<const platform::Image> image;
+    std::optional<platform::Color> tint;
+    double scale = 0;
+    bool operator==(const Shown&) const = default;
+  };
+
   std::shared_ptr<const platform::Image> image_;
   std::shared_ptr<const platform::Image> highlightedImage_;
   bool highlighted_ = false;
   std::optional<platform::Color> tint_;
   std::shared_ptr<const platform::SymbolConfiguration> preferredConfiguration_;
+  std::optional<Shown> shown_;
 };
 
 // Raw style values of the platform's blur and vibrancy effects that the simulated device knows.
@@ -178,9 +188,10 @@ inline constexpr int label = 0, secondaryLabel = 1, tertiaryLabel = 2, quaternar
                      secondaryFill = 5, tertiaryFill = 6, separator = 7;
 }  // namespace vibrancyStyle
 
-// A blur or vibrancy view. An effect lays out a backdrop subview whose layer carries the blur filters,
-// a tint subview, and for vibrancy a subview whose layer carries the colour matrix; the content view
-// is always last.
+// A blur or vibrancy view, laid out as the platform lays one out. A blur puts a backdrop view first, whose
+// backdrop layer blurs what lies behind the view through its filters, then a subview of the material's
+// tint, then the content view. A vibrancy effect has the content view only, and its layer carries the
+// colour matrix, so that what is put into it is drawn vibrant.
 class SimVisualEffectView final : public BasicSimView<platform::VisualEffectView> {
  public:
   SimVisualEffectView();
