@@ -9,16 +9,12 @@
 #include <cstring>
 #include <mutex>
 
+#include "cairo_bitmap.h"
+
 namespace verdalune::sessionreplay::sim {
 
-namespace {
-
-std::uint8_t channel(double value) {
-  return static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0, 1.0) * 255));
-}
-
 // Cairo paints premultiplied ARGB in native 32-bit words; the platform's bitmaps are RGBA bytes.
-platform::Bitmap fromCairo(cairo_surface_t* surface, double scale) {
+platform::Bitmap detail::fromCairo(cairo_surface_t* surface, double scale) {
   cairo_surface_flush(surface);
   const int width = cairo_image_surface_get_width(surface);
   const int height = cairo_image_surface_get_height(surface);
@@ -45,7 +41,7 @@ platform::Bitmap fromCairo(cairo_surface_t* surface, double scale) {
   return bitmap;
 }
 
-cairo_surface_t* toCairo(const platform::Bitmap& bitmap) {
+cairo_surface_t* detail::toCairo(const platform::Bitmap& bitmap) {
   cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, static_cast<int>(bitmap.width),
                                                         static_cast<int>(bitmap.height));
   cairo_surface_flush(surface);
@@ -65,6 +61,12 @@ cairo_surface_t* toCairo(const platform::Bitmap& bitmap) {
   }
   cairo_surface_mark_dirty(surface);
   return surface;
+}
+
+namespace {
+
+std::uint8_t channel(double value) {
+  return static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0, 1.0) * 255));
 }
 
 void roundedRect(cairo_t* cr, double width, double height, double radius) {
@@ -127,7 +129,7 @@ platform::Bitmap draw(const Drawing& drawing, platform::Size size, double scale)
     cairo_show_text(cr, drawing.text.c_str());
   }
   cairo_destroy(cr);
-  platform::Bitmap bitmap = fromCairo(surface, scale);
+  platform::Bitmap bitmap = detail::fromCairo(surface, scale);
   cairo_surface_destroy(surface);
   return bitmap;
 }
@@ -228,7 +230,7 @@ std::optional<platform::Bitmap> SimImage::draw(platform::Size size, bool opaque)
     cairo_paint(cr);
   }
   if (bitmap_) {
-    cairo_surface_t* source = toCairo(*bitmap_);
+    cairo_surface_t* source = detail::toCairo(*bitmap_);
     cairo_scale(cr, static_cast<double>(width) / bitmap_->width,
                 static_cast<double>(height) / bitmap_->height);
     cairo_set_source_surface(cr, source, 0, 0);
@@ -243,7 +245,7 @@ std::optional<platform::Bitmap> SimImage::draw(platform::Size size, bool opaque)
     cairo_fill(cr);
   }
   cairo_destroy(cr);
-  platform::Bitmap bitmap = fromCairo(target, scale_);
+  platform::Bitmap bitmap = detail::fromCairo(target, scale_);
   cairo_surface_destroy(target);
   bitmap.hasAlpha = !opaque;
   return bitmap;

@@ -1,7 +1,7 @@
 // vdl-demo: a scripted app on the simulated device that records itself with the library, uploads the
 // recording to a vdl-collector it starts on loopback, and prints the address where the replay plays.
 //
-//   vdl-demo [--seconds N] [--port P] [--no-serve] [--out DIR]
+//   vdl-demo [--seconds N] [--port P] [--no-serve] [--out DIR [--frames]]
 //
 // The app: a sign-in form (an e-mail field, a password field with secure entry, a one-time-code field),
 // a feed with photos under a gradient header and a blurred navigation bar that scrolls, and a settings
@@ -37,6 +37,7 @@
 #include <vector>
 
 #include "verdalune/session_replay.h"
+#include "verdalune/sim/compositor.h"
 #include "verdalune/sim/drawing.h"
 #include "verdalune/sim/platform.h"
 #include "verdalune/sim/screen_builder.h"
@@ -55,7 +56,7 @@ namespace {
 
 constexpr const char* kApiKey = "demo-key";
 constexpr const char* kDeviceId = "demo-device";
-constexpr const char* kUsage = "usage: vdl-demo [--seconds N] [--port P] [--no-serve] [--out DIR]";
+constexpr const char* kUsage = "usage: vdl-demo [--seconds N] [--port P] [--no-serve] [--out DIR [--frames]]";
 
 // What the user types. The two secrets never leave the device: their fields are masked, which the
 // end-to-end test checks by looking for these texts, and for their colour, in everything uploaded.
@@ -80,6 +81,7 @@ struct Arguments {
   int port = 0;
   bool serve = true;
   std::optional<std::filesystem::path> out;
+  bool frames = false;
 };
 
 std::optional<Arguments> parseArguments(int argc, char** argv) {
@@ -116,19 +118,27 @@ std::optional<Arguments> parseArguments(int argc, char** argv) {
         return std::nullopt;
       }
       arguments.out = *text;
+    } else if (arg == "--frames") {
+      arguments.frames = true;
     } else if (arg == "-h" || arg == "--help") {
       std::printf(
           "%s\n\n"
           "Records a scripted app on the simulated device for N seconds (default 15), uploads the\n"
           "recording to a vdl-collector started on 127.0.0.1 (port P, default a free one), prints where\n"
           "the replay plays, and keeps the collector serving until Ctrl-C when stdin is a terminal.\n"
-          "--out DIR also writes what the collector received into DIR.\n",
+          "--out DIR also writes what the collector received into DIR; with --frames, what the device's\n"
+          "screen showed at a few still moments, as DIR/frames/*.png and DIR/frames.json, to set beside\n"
+          "the replay.\n",
           kUsage);
       std::exit(0);
     } else {
       std::fprintf(stderr, "vdl-demo: unknown argument %s\n%s\n", arg.c_str(), kUsage);
       return std::nullopt;
     }
+  }
+  if (arguments.frames && !arguments.out) {
+    std::fprintf(stderr, "vdl-demo: --frames needs --out DIR\n");
+    return std::nullopt;
   }
   return arguments;
 }
@@ -633,14 +643,16 @@ void buildSettings(App& app) {
 // change runs on the main queue; touches are the window's, in window coordinates.
 class Script {
  public:
+  // `checkpoint` runs once signed in; `frame`, when given, saves what the screen shows under a name.
   Script(App& app, vdl::Queue& mainQueue, Progress& progress, double seconds,
-         std::function<void()> checkpoint)
+         std::function<void()> checkpoint, std::function<bool(const std::string&)> frame = {})
       : app_(app),
         mainQueue_(mainQueue),
         progress_(progress),
         seconds_(seconds),
         scale_(seconds / 15),
-        checkpoint_(std::move(checkpoint)) {}
+        checkpoint_(std::move(checkpoint)),
+        frame_(std::move(frame)) {}
 
   // False when the user interrupted it.
   bool run() {
@@ -650,6 +662,7 @@ class Script {
     if (!tap(kEmailField) || !type(app_.email, kEmail, 45)) return false;
     if (!tap(kPasswordField) || !type(app_.password, kPassword, 70)) return false;
     if (!tap(kCodeField) || !type(app_.oneTimeCode, kOneTimeCode, 130)) return false;
+    if (!still("sign-in")) return false;
     if (!pause(300) || !pressSignIn()) return false;
     // Signed in: what was recorded so far goes to the collector now.
     checkpoint_();
@@ -664,14 +677,15 @@ class Script {
     // The feed as it first shows, gradient header under the blurred bar: the moment a screenshot shows.
     if (!pause(600)) return false;
     feedShownAt_ = wallMilliseconds();
+    if (!still("feed")) return false;
     if (!pause(700)) return false;
-    if (!drag(0, 420, 12)) return false;
+    if (!drag(0, 420, 12) || !still("feed-scrolled")) return false;
     if (!pause(400) || !tapLike(5)) return false;
     if (!pause(300) || !drag(420, 160, 8)) return false;
     if (!tapLike(2) || !pause(300)) return false;
     // A photo changes once it has loaded a better version.
     main([&] { app_.photos[1]->setImage(landscape(sceneries()[3], 0.9)); });
-    if (!pause(500)) return false;
+    if (!pause(500) || !still("feed-liked")) return false;
 
     phase_ = "settings";
     if (!tap({{268, kTabBarTop}, {70, 60}})) return false;
@@ -688,6 +702,7 @@ class Script {
     for (std::size_t index : {1, 2, 4, 1}) {
       if (!toggle(index) || !pause(450)) return false;
     }
+    if (!still("settings")) return false;
     // Whatever time is left, the settings screen stays up.
     return pause(std::max(0.0, (seconds_ - elapsed()) * 1000 / scale_));
   }
@@ -703,6 +718,16 @@ class Script {
   double elapsed() const { return std::chrono::duration<double>(SteadyClock::now() - started_).count(); }
 
   std::int64_t wallMilliseconds() const { return app_.device->app()->clock()->wallMilliseconds(); }
+
+  // With frames asked for: the screen as it stands, saved between two stretches in which nothing changes.
+  // A capture runs every 100 ms, so after the first stretch the recording has caught up with the screen,
+  // and the replay's last event at or before the frame's time shows it; the waits do not shrink with a
+  // shorter run.
+  bool still(const std::string& name) {
+    if (!frame_) return true;
+    constexpr double kStillMilliseconds = 250;
+    return pause(kStillMilliseconds / scale_) && frame_(name) && pause(kStillMilliseconds / scale_);
+  }
 
   // Waits, keeping the progress line current; false once the user pressed Ctrl-C.
   bool pause(double milliseconds) {
@@ -810,6 +835,7 @@ class Script {
   const double seconds_;
   const double scale_;
   std::function<void()> checkpoint_;
+  std::function<bool(const std::string&)> frame_;
   SteadyClock::time_point started_;
   std::string phase_;
   std::int64_t feedShownAt_ = 0;
@@ -963,6 +989,47 @@ bool writeReceived(const std::filesystem::path& out, const Collector& collector,
   return written;
 }
 
+// What the device's screen showed at named moments, for setting beside the replay: OUT/frames/NAME.png at
+// the screen's scale, and OUT/frames.json listing them in order with the time of each on the recording's
+// clock.
+class DeviceFrames {
+ public:
+  DeviceFrames(std::filesystem::path out, App& app, vdl::Queue& mainQueue)
+      : out_(std::move(out)), app_(app), mainQueue_(mainQueue) {}
+
+  // Composites the screen on the main queue, where the views are, and writes it here.
+  bool take(const std::string& name) {
+    auto [time, picture] = onMain(mainQueue_, [&] {
+      return std::pair{app_.device->app()->clock()->wallMilliseconds(), sim::composite(*app_.device)};
+    });
+    std::error_code error;
+    std::filesystem::create_directories(out_ / "frames", error);
+    const std::string file = "frames/" + name + ".png";
+    if (error || !sim::writePng(picture, out_ / file)) {
+      std::fprintf(stderr, "vdl-demo: cannot write %s\n", (out_ / file).c_str());
+      return false;
+    }
+    const double scale = picture.scale;
+    entries_.push_back("{\"name\": " + jsonString(name) + ", \"file\": " + jsonString(file) +
+                       ", \"scale\": " + std::to_string(static_cast<int>(scale)) +
+                       ", \"time\": " + std::to_string(time) + "}");
+    return true;
+  }
+
+  bool writeList() const {
+    std::string list = "[\n";
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+      list += "  " + entries_[i] + (i + 1 < entries_.size() ? ",\n" : "\n");
+    return writeFile(out_ / "frames.json", list + "]\n");
+  }
+
+ private:
+  std::filesystem::path out_;
+  App& app_;
+  vdl::Queue& mainQueue_;
+  std::vector<std::string> entries_;
+};
+
 void waitForInterrupt() {
   sigset_t stop;
   sigemptyset(&stop);
@@ -1018,7 +1085,13 @@ int main(int argc, char** argv) {
   logger->showWarnings = true;
   replay->start();
 
-  Script script(app, *mainQueue, progress, arguments->seconds, [&] { replay->flush(); });
+  std::optional<DeviceFrames> frames;
+  if (arguments->frames) frames.emplace(*arguments->out, app, *mainQueue);
+  Script script(
+      app, *mainQueue, progress, arguments->seconds, [&] { replay->flush(); },
+      frames ? std::function<bool(const std::string&)>(
+                   [&](const std::string& name) { return frames->take(name); })
+             : nullptr);
   const bool completed = script.run();
   progress.finish();
 
@@ -1043,6 +1116,10 @@ int main(int argc, char** argv) {
   if (arguments->out &&
       !writeReceived(*arguments->out, *collector, sessionId, requestsJson, received, script.feedShownAt()))
     return 1;
+  if (frames && !frames->writeList()) {
+    std::fprintf(stderr, "vdl-demo: cannot write into %s\n", arguments->out->c_str());
+    return 1;
+  }
 
   const double minutes =
       numbers->firstTimestamp && numbers->lastTimestamp

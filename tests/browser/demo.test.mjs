@@ -17,17 +17,19 @@ import path from 'node:path';
 import { after, before, test } from 'node:test';
 import { promisify } from 'node:util';
 
-import { compareFrames, formatFidelity, frameReplayOptions, loadFrames, skippedNote } from './fidelity.mjs';
+import { compareFrames, formatFidelity, frameReplayOptions, loadFrames } from './fidelity.mjs';
 import { decodePackedEvent, formatResult, launchBrowser, replayEvents } from './replay.mjs';
 
 const demoBin = process.env.VDL_DEMO_BIN;
 const skip = demoBin ? false : 'VDL_DEMO_BIN is not set (CTest runs this as browser_demo_test)';
 const run = promisify(execFile);
 
-// Mean SSIM and worst 16 pt tile outside the masks, for every frame of the demo. Set from synthetic frames
-// (the replay itself scores 1, text rendered at 1x and stretched scores 0.54 in the worst tile); to calibrate
-// on the device's frames: the lowest values a good build measures, less a margin.
-const FIDELITY_THRESHOLDS = { ssim: 0.95, local: 0.85 };
+// Mean SSIM and worst 16 pt tile outside the masks, for every frame of the demo, set from measurement. A good
+// build measures a mean of 0.990 to 1.000; its worst tiles (0.64 to 0.99) are where the browser's backdrop
+// blur differs from the device's under the bar and where hairline separators fall between pixels. With the
+// pictures encoded at one pixel a point (soft text), the means fall to 0.974 to 0.990 and the settings
+// screen's worst tile to 0.56.
+const FIDELITY_THRESHOLDS = { ssim: 0.985, local: 0.6 };
 
 let out;
 let demo;            // demo.json: the session, the secrets and their colour, where the feed's parts are
@@ -41,10 +43,7 @@ before(async () => {
   if (!demoBin) return;
   out = process.env.VDL_DEMO_OUT || await mkdtemp(path.join(tmpdir(), 'vdl-demo-'));
   await mkdir(out, { recursive: true });
-  // Older demos have no --frames; their replay is compared with nothing.
-  const help = await run(demoBin, ['--help']).then((r) => r.stdout + r.stderr, (e) => `${e.stdout}${e.stderr}`);
-  const frameArgs = help.includes('--frames') ? ['--frames'] : [];
-  await run(demoBin, ['--seconds', '6', '--no-serve', '--out', out, ...frameArgs], { timeout: 120_000 });
+  await run(demoBin, ['--seconds', '6', '--no-serve', '--out', out, '--frames'], { timeout: 120_000 });
   const json = async (name) => JSON.parse(await readFile(path.join(out, name), 'utf8'));
   demo = await json('demo.json');
   requests = await json('requests.json');
@@ -171,18 +170,18 @@ test('every block reaches the collector exactly once, numbered 1..n in its sessi
 // was first shown, and scrolled furthest, with its cards under the bar.
 function replay() {
   replayed ??= (async () => {
-    const frames = await loadFrames(path.join(out, 'frames.json'), { optional: true });
-    const options = frames ? frameReplayOptions(frames, { saveDir: path.join(out, 'replay-frames') }) : {};
+    const frames = await loadFrames(path.join(out, 'frames.json'));
+    const options = frameReplayOptions(frames, { saveDir: path.join(out, 'replay-frames') });
     const result = await replayEvents(events, {
       browser,
       deviceScaleFactor: options.deviceScaleFactor,
       screenshots: [
         { name: 'feed', path: path.join(out, 'demo-feed.png'), at: { time: demo.feedShownAt } },
         { name: 'feed-scrolled', path: path.join(out, 'demo-feed-scrolled.png'), at: { index: Math.max(0, furthestScroll().index) } },
-        ...options.screenshots ?? [],
+        ...options.screenshots,
       ],
     });
-    return { result, frames, scale: frames?.[0].scale ?? 1 };
+    return { result, frames, scale: frames[0].scale };
   })();
   return replayed;
 }
@@ -229,14 +228,8 @@ test('the recording replays cleanly, shows the gradient header under the blurred
     `what lies under the bar is not blurred: sharpness ${underBar.toFixed(3)} there, ${inTheOpen.toFixed(3)} in the open`);
 });
 
-test('the replay looks like the device\'s frames outside the masked regions', { skip }, async (t) => {
+test('the replay looks like the device\'s frames outside the masked regions', { skip }, async () => {
   const { result, frames } = await replay();
-  if (!frames) {
-    const note = skippedNote(path.join(out, 'frames.json'));
-    await writeFile(path.join(out, 'fidelity.txt'), `${note}\n`);
-    t.skip(note);
-    return;
-  }
   const report = compareFrames(frames, result, { thresholds: FIDELITY_THRESHOLDS });
   await writeFile(path.join(out, 'fidelity.txt'), `${formatFidelity(report)}\n`);
   console.log(formatFidelity(report));

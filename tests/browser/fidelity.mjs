@@ -5,11 +5,10 @@
 // each pair is compared with SSIM outside the regions the replay cannot show as the device did. Usable as a
 // command and as a module (the browser tests import it).
 //
-//   node tests/browser/fidelity.mjs (--frames FILE | --frames-if-present FILE) [--threshold X]
+//   node tests/browser/fidelity.mjs --frames FILE [--threshold X]
 //       [--local-threshold X] [--save-replays DIR] [--report FILE] [any option of replay.mjs] INPUT...
 //
-// --frames-if-present runs the replay's own checks alone, with a note, when there is no frames.json;
-// --report also writes the comparison's table (or that note) to FILE.
+// --report also writes the comparison's table to FILE.
 //
 // frames.json: [{"name", "file" (relative to frames.json), "scale", "time" (ms on the recording's clock: the
 // replay shows the last event at or before it) | "index" (of the last event written when the frame was
@@ -41,13 +40,12 @@ export const SSIM_OPTIONS = { ssim: 'bezkrovny', downsample: false, windowSize: 
 // ---- frames.json ----
 
 // The frames listed in `file`, each with its image's bytes and the point of the replay it shows ({time} or
-// {index}, as replayEvents takes it). null when the file does not exist and `optional` is set.
-export async function loadFrames(file, { optional = false } = {}) {
+// {index}, as replayEvents takes it).
+export async function loadFrames(file) {
   let text;
   try {
     text = await readFile(file, 'utf8');
   } catch (error) {
-    if (error.code === 'ENOENT' && optional) return null;
     throw new RecordingError(`${file}: ${error.message}`);
   }
   let list;
@@ -238,11 +236,9 @@ export function formatFidelity(report) {
   return lines.join('\n');
 }
 
-export const skippedNote = (file) => `fidelity SKIPPED: no ${file} (the device frames are not written yet)`;
-
 // ---- command line ----
 
-const USAGE = 'usage: node tests/browser/fidelity.mjs (--frames FILE | --frames-if-present FILE) [--threshold X]'
+const USAGE = 'usage: node tests/browser/fidelity.mjs --frames FILE [--threshold X]'
   + ' [--local-threshold X] [--save-replays DIR] [--report FILE] [options of replay.mjs] INPUT...';
 
 export async function main(argv) {
@@ -261,10 +257,8 @@ export async function main(argv) {
         if (!(x >= 0 && x <= 1)) throw new RecordingError(`${flag} takes a number from 0 to 1, not "${text}"`);
         return x;
       };
-      if (flag === '--frames' || flag === '--frames-if-present') {
-        own.frames = value();
-        own.optional = flag === '--frames-if-present';
-      } else if (flag === '--threshold') own.thresholds.ssim = share(value());
+      if (flag === '--frames') own.frames = value();
+      else if (flag === '--threshold') own.thresholds.ssim = share(value());
       else if (flag === '--local-threshold') own.thresholds.local = share(value());
       else if (flag === '--save-replays') own.saveDir = value();
       else if (flag === '--report') own.report = value();
@@ -289,25 +283,18 @@ export async function main(argv) {
       screenshot: options.screenshot ? { path: options.screenshot, at: options.at } : undefined,
       iframes: options.iframe !== undefined ? [{ id: options.iframe, at: options.at }] : undefined,
     };
-    const frames = await loadFrames(own.frames, { optional: own.optional });
-    let report = null;
-    let replay;
-    if (frames) {
-      report = await measureFidelity(events, frames, { ...replayOptions, thresholds: own.thresholds, saveDir: own.saveDir });
-      replay = report.replay;
-    } else {
-      replay = await replayEvents(events, replayOptions);
-    }
+    const frames = await loadFrames(own.frames);
+    const report = await measureFidelity(events, frames, { ...replayOptions, thresholds: own.thresholds, saveDir: own.saveDir });
+    const { replay, ...fidelity } = report;
     if (options.json) {
-      const { replay: _, ...rest } = report ?? {};
-      console.log(JSON.stringify({ replay: { ...replay, screenshots: undefined }, fidelity: report ? rest : null }, null, 2));
+      console.log(JSON.stringify({ replay: { ...replay, screenshots: undefined }, fidelity }, null, 2));
     } else {
       console.log(formatResult(replay));
     }
-    const text = report ? formatFidelity(report) : skippedNote(own.frames);
+    const text = formatFidelity(report);
     if (!options.json) console.log(text);
     if (own.report) await writeFile(own.report, `${text}\n`);
-    return replay.ok && (!report || report.ok) ? 0 : 1;
+    return replay.ok && report.ok ? 0 : 1;
   } catch (error) {
     if (!(error instanceof RecordingError)) throw error;
     console.error(`fidelity: ${error.message}`);

@@ -283,6 +283,8 @@ export async function replayEvents(events, options = {}) {
       + ' #replay-root iframe { border: 0; display: block; }</style></head><body><div id="replay-root"></div></body></html>');
     const rrwebDist = path.dirname(requireFromRepo.resolve('rrweb'));
     await page.addStyleTag({ path: path.join(rrwebDist, 'style.css') });
+    // The Replayer's pointer is drawn over the frame; the device's screen has none, so screenshots leave it out.
+    await page.addStyleTag({ content: '.replayer-mouse, .replayer-mouse-tail { display: none !important; }' });
     await page.addScriptTag({ path: path.join(rrwebDist, 'rrweb.umd.cjs') });
     await page.addScriptTag({ path: path.join(here, 'page-driver.js') });
     await page.evaluate((init) => window.vdlReplay.start(init), {

@@ -18,7 +18,7 @@ import { after, before, test } from 'node:test';
 import { fileURLToPath } from 'node:url';
 import { promisify } from 'node:util';
 
-import { compareFrames, formatFidelity, frameReplayOptions, loadFrames, skippedNote } from './fidelity.mjs';
+import { compareFrames, formatFidelity, frameReplayOptions, loadFrames } from './fidelity.mjs';
 import { launchBrowser, replayEvents } from './replay.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
@@ -26,10 +26,10 @@ const recordBin = process.env.VDL_RECORD_WEBVIEW_BIN;
 const scriptBin = process.env.VDL_INJECTED_SCRIPT_BIN || path.resolve(here, '../../build/release/tools/vdl-injected-script');
 const run = promisify(execFile);
 
-// Mean SSIM and worst 16 pt tile outside the masks (the web view's page is one: the device cannot draw it).
-// Set from synthetic frames (the replay itself scores 1, text rendered at 1x and stretched 0.54 in the worst
-// tile); to calibrate on the device's frames: the lowest values a good build measures, less a margin.
-const FIDELITY_THRESHOLDS = { ssim: 0.95, local: 0.85 };
+// Mean SSIM and worst 16 pt tile outside the masks, set from measurement: a good build scores 1.000 on both
+// frames. The web view's page is masked (the device cannot draw it) and fills up to 71% of the screen, so
+// the masked share may reach three quarters here.
+const FIDELITY_THRESHOLDS = { ssim: 0.95, local: 0.85, maxMaskShare: 0.75 };
 
 // The page the web view shows: a heading, a field, a list that a timer keeps changing and a style sheet.
 const PAGE = `<!DOCTYPE html>
@@ -147,11 +147,11 @@ test('a page recorded in a web view replays inside the web view\'s frame, throug
 
     // The screenshot shows the page as the last restart of its recording found it, before it scrolls. The same
     // replay photographs the moments of the device's frames.
-    const frames = await loadFrames(path.join(out, 'frames.json'), { optional: true });
+    const frames = await loadFrames(path.join(out, 'frames.json'));
     const result = await replayEvents(events, {
       browser, screenshot: { path: path.join(out, 'webview.png'), at: { index: events.indexOf(attaches.at(-1)) } },
       iframes: [{ id: frameId }],
-      ...frames && frameReplayOptions(frames, { saveDir: path.join(out, 'replay-frames') }),
+      ...frameReplayOptions(frames, { saveDir: path.join(out, 'replay-frames') }),
     });
     const problems = result.problems.map((p) => `#${p.index} (${p.event}) [${p.kind}] ${p.message}`).join('\n');
     assert.equal(problems, '', `${problems}\nrecorder: ${recorded.stdout}`);
@@ -162,13 +162,7 @@ test('a page recorded in a web view replays inside the web view\'s frame, throug
     assert.deepEqual([live.note, ...shown.inputs.map((input) => input.value)], ['Ring twice', 'Ring twice']);
     assert.ok(shown.styleRules >= 3, `the page's style sheet is replayed (${shown.styleRules} rules)`);
 
-    await t.test('the replay looks like the device\'s frames outside the web view', async (sub) => {
-      if (!frames) {
-        const note = skippedNote(path.join(out, 'frames.json'));
-        await writeFile(path.join(out, 'fidelity.txt'), `${note}\n`);
-        sub.skip(note);
-        return;
-      }
+    await t.test('the replay looks like the device\'s frames outside the web view', async () => {
       const report = compareFrames(frames, result, { thresholds: FIDELITY_THRESHOLDS });
       await writeFile(path.join(out, 'fidelity.txt'), `${formatFidelity(report)}\n`);
       console.log(formatFidelity(report));

@@ -15,6 +15,7 @@
 #include "capture/snapshotter.h"
 #include "common/collecting_storage.h"
 #include "rrweb/coding.h"
+#include "scenario/device_frames.h"
 #include "serialize/serializer.h"
 #include "verdalune/sim/drawing.h"
 #include "verdalune/sim/platform.h"
@@ -108,6 +109,13 @@ int main(int argc, char** argv) {
   auto receiver = std::make_shared<CheckpointingReceiver>(device, serializer, storage);
   auto snapshotter = vdl::Snapshotter::make(device, receiver, nullptr, std::make_shared<NoWebViews>());
   auto frames = [&](int count) { app->advance(count * 100ms); };
+  // After a few frames of the same screen the last capture shows it, so the replay after the last event
+  // written by then must look like it.
+  sim::DeviceFrames deviceFrames(folder);
+  bool framesTaken = true;
+  auto still = [&](const std::string& name) {
+    framesTaken = deviceFrames.take(*device, name, storage->events.size() - 1) && framesTaken;
+  };
 
   // Sign-in: a title, an e-mail field, a password field (masked), a button.
   auto screen = sim::ScreenBuilder(*device)
@@ -121,6 +129,7 @@ int main(int argc, char** argv) {
                     .build();
   snapshotter->start("device", 1, vdl::MaskLevel::light);
   frames(5);
+  still("sign-in");
   screen.window->touch(platform::TouchPhase::began, {{190, 355}});
   frames(1);
   screen.window->touch(platform::TouchPhase::ended, {{190, 355}});
@@ -164,6 +173,7 @@ int main(int argc, char** argv) {
   screen.window->addSubview(feed);
   screen.window->rootView()->simLayer()->commit();
   frames(5);
+  still("feed");
 
   // A drag scrolls the list; card colours and a transform animate; a card hides and comes back.
   screen.window->touch(platform::TouchPhase::began, {{200, 600}});
@@ -173,6 +183,8 @@ int main(int argc, char** argv) {
     frames(1);
   }
   screen.window->touch(platform::TouchPhase::ended, {{200, 360}});
+  frames(1);
+  still("feed-scrolled");
   for (int step = 0; step < 5; ++step) {
     cards[1]->setFill(platform::Color{1, 1 - 0.1 * step, 0.8, 1}, 12);
     cards[2]->simLayer()->update(
@@ -189,17 +201,20 @@ int main(int argc, char** argv) {
   cards[4]->removeFromSuperview();
   list->addSubview(cards[4]);
   frames(3);
+  still("feed-changed");
 
   // Pop back to the sign-in screen.
   feed->removeFromSuperview();
   frames(3);
+  still("sign-in-again");
   snapshotter->stop();
   app->runUntilIdle();
 
   std::vector<std::string> events;
   for (const auto& event : storage->events) events.push_back(vdl::rrweb::encode(event));
   if (!writeArray(folder / "events.json", events) ||
-      !writeArray(folder / "checkpoints.json", receiver->checkpoints)) {
+      !writeArray(folder / "checkpoints.json", receiver->checkpoints) || !framesTaken ||
+      !deviceFrames.write()) {
     std::fprintf(stderr, "could not write to %s\n", folder.c_str());
     return 1;
   }

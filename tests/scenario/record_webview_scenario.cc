@@ -27,6 +27,7 @@
 #include "capture/snapshotter.h"
 #include "common/collecting_storage.h"
 #include "rrweb/coding.h"
+#include "scenario/device_frames.h"
 #include "serialize/serializer.h"
 #include "verdalune/sim/platform.h"
 #include "verdalune/sim/screen_builder.h"
@@ -152,10 +153,15 @@ int main(int argc, char** argv) {
 
   // The page's messages, each at its time, with the display link running frame by frame in between.
   // Halfway, the keyboard comes up: the native screen changes around the page, which must stay shown.
+  // The native screen around the page is taken before the keyboard comes up and at the end; the page
+  // itself is the web recorder's to show.
+  sim::DeviceFrames deviceFrames(folder);
+  bool framesTaken = true;
   std::chrono::milliseconds elapsed{0};
   for (std::size_t i = 0; i < messages.size(); ++i) {
     const Message& message = messages[i];
     if (i == messages.size() / 2) {
+      framesTaken = deviceFrames.take(*device, "before-keyboard", storage->events.size() - 1) && framesTaken;
       web->setFrame({0, 120, 390, 480});
       auto keyboard = sim::SimViewNode::make<sim::SimView>();
       keyboard->setFrame({0, 600, 390, 244});
@@ -175,6 +181,7 @@ int main(int argc, char** argv) {
     }
   }
   app->advance(300ms);
+  framesTaken = deviceFrames.take(*device, "keyboard", storage->events.size() - 1) && framesTaken;
   snapshotter->stop();
   app->runUntilIdle();
 
@@ -184,7 +191,7 @@ int main(int argc, char** argv) {
     out << (i ? ",\n" : "\n") << vdl::rrweb::encode(storage->events[i]);
   }
   out << "\n]\n";
-  if (!out) {
+  if (!out || !framesTaken || !deviceFrames.write()) {
     std::fprintf(stderr, "could not write to %s\n", folder.c_str());
     return 1;
   }

@@ -97,6 +97,8 @@ class SimLayer final : public platform::Layer, public std::enable_shared_from_th
 
   // For a GPU drawing layer: the pixels of the next drawable; none makes the pool run dry.
   void setNextDrawable(std::optional<platform::Bitmap> pixels, SimTexture::Options options = {});
+  // The pixels the next drawable will show, read without asking the pool for one.
+  const std::optional<platform::Bitmap>& pendingDrawable() const { return drawable_; }
   // How many times a drawable was asked for, whether or not the pool had one.
   int drawableRequests() const { return drawableRequests_; }
 
