@@ -20,7 +20,7 @@ import { fileURLToPath } from 'node:url';
 import { PNG } from 'pngjs';
 import { ssim } from 'ssim.js';
 
-import { loadRecording, PLACEHOLDER_RGB, RecordingError, parseArgs as parseReplayArgs, replayEvents, formatResult }
+import { loadRecording, PLACEHOLDER_RGB, RecordingError, parseArgs as parseReplayArgs, replayEvents, replayOptionsOf, formatResult }
   from './replay.mjs';
 
 // What a frame must reach unless a caller says otherwise; each test names its own.
@@ -270,19 +270,7 @@ export async function main(argv) {
     if (!own.frames) throw new RecordingError(`no frames given\n${USAGE}`);
     const options = parseReplayArgs(rest);
     const events = await loadRecording(options.inputs);
-    let checkpoints = [];
-    if (options.checkpoints) {
-      try {
-        checkpoints = JSON.parse(await readFile(options.checkpoints, 'utf8'));
-      } catch (error) {
-        throw new RecordingError(`${options.checkpoints}: ${error.message}`);
-      }
-    }
-    const replayOptions = {
-      checkpoints, maxProblems: options.maxProblems,
-      screenshot: options.screenshot ? { path: options.screenshot, at: options.at } : undefined,
-      iframes: options.iframe !== undefined ? [{ id: options.iframe, at: options.at }] : undefined,
-    };
+    const replayOptions = await replayOptionsOf(options);
     const frames = await loadFrames(own.frames);
     const report = await measureFidelity(events, frames, { ...replayOptions, thresholds: own.thresholds, saveDir: own.saveDir });
     const { replay, ...fidelity } = report;

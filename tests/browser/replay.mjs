@@ -412,6 +412,24 @@ export function parseArgs(argv) {
   return options;
 }
 
+// The options of replayEvents that a command line (parseArgs) asks for, its checkpoints file read.
+export async function replayOptionsOf(options) {
+  let checkpoints = [];
+  if (options.checkpoints) {
+    try {
+      checkpoints = JSON.parse(await readFile(options.checkpoints, 'utf8'));
+    } catch (error) {
+      throw new RecordingError(`${options.checkpoints}: ${error.message}`);
+    }
+  }
+  return {
+    checkpoints,
+    maxProblems: options.maxProblems,
+    screenshot: options.screenshot ? { path: options.screenshot, at: options.at } : undefined,
+    iframes: options.iframe !== undefined ? [{ id: options.iframe, at: options.at }] : undefined,
+  };
+}
+
 export async function main(argv) {
   let options;
   try {
@@ -421,20 +439,7 @@ export async function main(argv) {
       return 0;
     }
     const events = await loadRecording(options.inputs);
-    let checkpoints = [];
-    if (options.checkpoints) {
-      try {
-        checkpoints = JSON.parse(await readFile(options.checkpoints, 'utf8'));
-      } catch (error) {
-        throw new RecordingError(`${options.checkpoints}: ${error.message}`);
-      }
-    }
-    const result = await replayEvents(events, {
-      checkpoints,
-      maxProblems: options.maxProblems,
-      screenshot: options.screenshot ? { path: options.screenshot, at: options.at } : undefined,
-      iframes: options.iframe !== undefined ? [{ id: options.iframe, at: options.at }] : undefined,
-    });
+    const result = await replayEvents(events, await replayOptionsOf(options));
     console.log(options.json ? JSON.stringify(result, null, 2) : formatResult(result));
     return result.ok ? 0 : 1;
   } catch (error) {
