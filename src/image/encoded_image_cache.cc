@@ -91,14 +91,14 @@ ImageSource ImageSource::pixels(const platform::Bitmap& bitmap) {
   hasher.add((std::uint64_t{bitmap.width} << 32) | bitmap.height);
   hasher.add((bitmap.hasAlpha ? 1u : 0u) | (bitmap.alphaPremultiplied ? 2u : 0u));
   hasher.add(bitsOf(bitmap.scale));
-  const std::size_t rowBytes = std::size_t{bitmap.width} * 4;
-  if (!image::isWellFormed(bitmap) || bitmap.bytesPerRow == rowBytes) {
-    // Tightly packed rows (the usual layout) are one run; a malformed bitmap hashes as it is held.
+  if (!image::isWellFormed(bitmap)) {
     hasher.add(bitmap.pixels.data(), bitmap.pixels.size());
-  } else {
-    for (std::uint32_t row = 0; row < bitmap.height; ++row) {
-      hasher.add(bitmap.pixels.data() + row * bitmap.bytesPerRow, rowBytes);
-    }
+    return hasher.finish();
+  }
+  // Row by row, so that the same pixels hash alike whatever padding follows their rows.
+  const std::size_t rowBytes = std::size_t{bitmap.width} * 4;
+  for (std::uint32_t row = 0; row < bitmap.height; ++row) {
+    hasher.add(bitmap.pixels.data() + row * bitmap.bytesPerRow, rowBytes);
   }
   return hasher.finish();
 }
