@@ -64,6 +64,12 @@ void link(vdl::LayerTreeNode& parent) {
   }
 }
 
+std::size_t countNodes(const vdl::LayerTreeNode& node) {
+  std::size_t count = 1;
+  for (const vdl::LayerTreeNode& child : node.children) count += countNodes(child);
+  return count;
+}
+
 // The same screen with one node in a hundred changed: most of them moved a point, and one card in ten
 // of those (its whole subtree) moved to the end of its list instead.
 std::shared_ptr<vdl::Snapshot> edited(const vdl::Snapshot& original, std::size_t nodes) {
@@ -73,8 +79,12 @@ std::shared_ptr<vdl::Snapshot> edited(const vdl::Snapshot& original, std::size_t
   std::size_t moved = 0;
   auto edit = [&](auto& self, vdl::LayerTreeNode& node) -> void {
     if (++seen % 100 == 0) node.snapshot.position.y += 1;
-    // Lists are the nodes with many children: the cards.
-    if (moved < moves && node.children.size() >= 10) {
+    // Lists are the nodes whose children are all cards (a card is ten layers), not the window that
+    // holds the lists.
+    const bool isList = node.children.size() >= 2 && std::ranges::all_of(node.children, [](const auto& card) {
+                          return countNodes(card) <= 12;
+                        });
+    if (moved < moves && isList) {
       std::rotate(node.children.begin(), node.children.begin() + 1, node.children.end());
       ++moved;
     }
