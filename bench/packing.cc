@@ -1,6 +1,8 @@
 // Packing cost against its raw building block: zlib's one-shot compress of the same JSON, measured
 // in the same run. Target: packing runs at 0.9 or more of compress alone, so writing the JSON and
-// framing the compressed bytes as a string literal add at most a tenth.
+// framing the compressed bytes as a string literal add at most a tenth. (Packing keeps its deflate
+// state between events where the one-shot call makes one each time; on the large snapshot that is
+// noise, on the small mutation it is a few percent in packing's favour.)
 #include <benchmark/benchmark.h>
 #include <zlib.h>
 
@@ -54,7 +56,8 @@ rrweb::Event styledSnapshot(int count) {
     rrweb::JSONValue::Dictionary attributes{{"style", rrweb::JSONValue(style)}};
     std::vector<rrweb::Node> children;
     if (i % 4 == 0) {
-      // Appended, not "i" + hashName(...): g++ 12 at -O3 misreads that insert at the front as an overlapping copy.
+      // Appended, not "i" + hashName(...): g++ 12 at -O3 misreads that insert at the front as an overlapping
+      // copy.
       std::string className = "i";
       className += hashName(static_cast<std::uint64_t>(i));
       attributes["class"] = rrweb::JSONValue(std::move(className));
@@ -133,7 +136,8 @@ int main(int argc, char** argv) {
     const double packTime = reporter.times["pack/" + name];
     if (compressTime <= 0 || packTime <= 0) continue;
     const double ratio = compressTime / packTime;
-    std::printf("target: packing/%s at >= 0.90 of compress alone; measured %.2f\n", name.c_str(), ratio);
+    std::printf("target: packing/%s at >= 0.90 of compress alone; measured %.2f%s\n", name.c_str(), ratio,
+                ratio >= 0.9 ? "" : " (NOT MET)");
     met = met && ratio >= 0.9;
   }
   benchmark::Shutdown();

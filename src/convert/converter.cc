@@ -230,58 +230,119 @@ bool imageHasAlpha(const platform::Image& image) {
   return !image.rendersOpaque();
 }
 
-EncodeOutcome encodeUiImage(const LayerContents::UiImage& contents, const LayerSnapshot& s) {
+// The ways the converter makes an image from a source, part of what an encoding is cached by.
+enum Way : std::uint8_t { kImage = 1, kDrawnImage, kBitmap, kSurface, kTexture, kRendered };
+
+ImageRecipe recipeOf(Way way, const LayerSnapshot& s) {
+  return ImageRecipe{.way = way,
+                     .hasAlpha = false,
+                     .crop = platform::kUnitRect,
+                     .boundsSize = {width(s.bounds), height(s.bounds)},
+                     .contentsGravity = s.contentsGravity,
+                     .scale = 0,
+                     .deviceScale = 0};
+}
+
+// The image cached for `key`, else the outcome of `encode`, kept for `key` when it is an image. `owner`
+// is the object an object source names.
+template <typename Encode>
+EncodeOutcome encodeOnce(Converter::Context& context, const EncodedImageCache::Key& key,
+                         std::weak_ptr<const void> owner, Encode&& encode) {
+  if (auto image = context.encodedImages().find(key)) return {std::move(image), std::nullopt};
+  context.countEncode();
+  EncodeOutcome outcome = std::forward<Encode>(encode)();
+  if (outcome.image) context.encodedImages().insert(key, outcome.image, std::move(owner));
+  return outcome;
+}
+
+// Images are immutable, so the image object names its picture while it lives: a tinted or configured
+// image is a new object.
+EncodeOutcome encodeUiImage(const LayerContents::UiImage& contents, const LayerSnapshot& s,
+                            Converter::Context& context) {
   constexpr std::string_view kPrefix = "[Converter] Error processing UIImage: ";
   const platform::Image& image = *contents.image;
   // A stretchable image is drawn at the layer's size so it arrives stretched; a resizable one is taken
   // to have alpha, as its stretched middle may be clear.
   const bool resizable = image.className().find("Resizable") != std::string::npos;
   const bool hasAlpha = resizable || imageHasAlpha(image);
-  if (resizable || image.capInsets() != platform::EdgeInsets{}) {
-    const platform::Size size{width(s.bounds), height(s.bounds)};
-    const std::optional<platform::Bitmap> drawn = image.draw(size, !hasAlpha);
-    if (!drawn) {
-      return {nullptr,
-              std::string(kPrefix) + std::string(describe(ImageEncoderError::couldNotCreateCgContext))};
+  const bool drawn = resizable || image.capInsets() != platform::EdgeInsets{};
+  ImageRecipe recipe = recipeOf(drawn ? kDrawnImage : kImage, s);
+  recipe.hasAlpha = hasAlpha;
+  return encodeOnce(context, {ImageSource::object(&image), std::move(recipe)}, contents.image, [&] {
+    if (drawn) {
+      const platform::Size size{width(s.bounds), height(s.bounds)};
+      const std::optional<platform::Bitmap> drawing = image.draw(size, !hasAlpha);
+      if (!drawing) {
+        return EncodeOutcome{nullptr, std::string(kPrefix) +
+                                          std::string(describe(ImageEncoderError::couldNotCreateCgContext))};
+      }
+      return outcomeOf(ImageEncoder::encode(*drawing, hasAlpha, geometryOf(s, size, drawing->scale)),
+                       kPrefix);
     }
-    return outcomeOf(ImageEncoder::encode(*drawn, hasAlpha, geometryOf(s, size, drawn->scale)), kPrefix);
-  }
-  return outcomeOf(ImageEncoder::encode(image, hasAlpha, geometryOf(s, image.size(), image.scale())),
-                   kPrefix);
+    return outcomeOf(ImageEncoder::encode(image, hasAlpha, geometryOf(s, image.size(), image.scale())),
+                     kPrefix);
+  });
 }
 
-EncodeOutcome encodeCgImage(const LayerContents::CgImage& contents, const LayerSnapshot& s) {
-  const auto cropped = crop(contents.image, s.modelContentsRect);
-  if (!cropped) return EncodeOutcome::nothing();
-  // Shown in the replay at one point per pixel, as always, but encoded with as many pixels as the
-  // device shows the layer with, so text in a bitmap stays sharp on a dense screen.
-  ImageGeometry geometry = geometryOf(s, pixelSizeOf(*cropped), 1);
-  geometry.deviceScale = s.contentScale;
-  return outcomeOf(ImageEncoder::encode(*cropped, cropped->hasAlpha, geometry),
-                   "[Converter] Error processing CGImage: ");
+// A bitmap is found by the object first, then by its pixels: every label draws a bitmap of its own,
+// and equal texts draw equal pixels.
+EncodeOutcome encodeCgImage(const LayerContents::CgImage& contents, const LayerSnapshot& s,
+                            Converter::Context& context) {
+  ImageRecipe recipe = recipeOf(kBitmap, s);
+  recipe.crop = s.modelContentsRect;
+  recipe.deviceScale = s.contentScale;
+  const EncodedImageCache::Key byObject{ImageSource::object(contents.image.get()), recipe};
+  if (auto image = context.encodedImages().find(byObject)) return {std::move(image), std::nullopt};
+  EncodeOutcome outcome =
+      encodeOnce(context, {ImageSource::pixels(*contents.image), std::move(recipe)}, {}, [&] {
+        const auto cropped = crop(contents.image, s.modelContentsRect);
+        if (!cropped) return EncodeOutcome::nothing();
+        // Shown in the replay at one point per pixel, as always, but encoded with as many pixels as the
+        // device shows the layer with, so text in a bitmap stays sharp on a dense screen.
+        ImageGeometry geometry = geometryOf(s, pixelSizeOf(*cropped), 1);
+        geometry.deviceScale = s.contentScale;
+        return outcomeOf(ImageEncoder::encode(*cropped, cropped->hasAlpha, geometry),
+                         "[Converter] Error processing CGImage: ");
+      });
+  if (outcome.image) context.encodedImages().insert(byObject, outcome.image, contents.image);
+  return outcome;
 }
 
-EncodeOutcome encodeSurface(const LayerContents::IOSurfaceSnapshot& contents, const LayerSnapshot& s) {
+EncodeOutcome encodeSurface(const LayerContents::IOSurfaceSnapshot& contents, const LayerSnapshot& s,
+                            Converter::Context& context) {
   if (!contents.snapshot) return EncodeOutcome::nothing();
-  const auto cropped = crop(scaledBitmapOf(*contents.snapshot, s.contentScale), s.contentsRect);
-  if (!cropped) return EncodeOutcome::nothing();
-  return outcomeOf(ImageEncoder::encode(*cropped, cropped->hasAlpha,
-                                        geometryOf(s, pointSizeOf(*cropped, cropped->scale), cropped->scale)),
-                   "[Converter] Error processing IOSurface: ");
+  ImageRecipe recipe = recipeOf(kSurface, s);
+  recipe.crop = s.contentsRect;
+  recipe.scale = s.contentScale;
+  const IOSurfaceSnapshotter::Key frame = contents.snapshot->key;
+  return encodeOnce(
+      context, {ImageSource::surfaceFrame(frame.surfaceID, frame.seed), std::move(recipe)}, {}, [&] {
+        const auto cropped = crop(scaledBitmapOf(*contents.snapshot, s.contentScale), s.contentsRect);
+        if (!cropped) return EncodeOutcome::nothing();
+        return outcomeOf(
+            ImageEncoder::encode(*cropped, cropped->hasAlpha,
+                                 geometryOf(s, pointSizeOf(*cropped, cropped->scale), cropped->scale)),
+            "[Converter] Error processing IOSurface: ");
+      });
 }
 
-EncodeOutcome encodeTexture(const LayerContents::MtlTexture& contents, const LayerSnapshot& s) {
+EncodeOutcome encodeTexture(const LayerContents::MtlTexture& contents, const LayerSnapshot& s,
+                            Converter::Context& context) {
   // A texture whose pixels cannot be read (framebuffer-only, an unconvertible format) shows nothing
   // rather than failing every capture.
   if (!contents.texture) return EncodeOutcome::nothing();
   const std::optional<platform::Bitmap> pixels = contents.texture->readPixels();
   if (!pixels || pixels->width == 0 || pixels->height == 0) return EncodeOutcome::nothing();
-  const double scale = s.contentScale != 0 ? s.contentScale : 1;
-  ImageGeometry geometry = geometryOf(s, pointSizeOf(*pixels, s.contentScale), scale);
-  // A drawable is always stretched over the whole layer.
-  geometry.contentsGravity = "resize";
-  return outcomeOf(ImageEncoder::encode(*pixels, pixels->hasAlpha, geometry),
-                   "[Converter] Error processing MTLTexture: ");
+  ImageRecipe recipe = recipeOf(kTexture, s);
+  recipe.scale = s.contentScale;
+  return encodeOnce(context, {ImageSource::pixels(*pixels), std::move(recipe)}, {}, [&] {
+    const double scale = s.contentScale != 0 ? s.contentScale : 1;
+    ImageGeometry geometry = geometryOf(s, pointSizeOf(*pixels, s.contentScale), scale);
+    // A drawable is always stretched over the whole layer.
+    geometry.contentsGravity = "resize";
+    return outcomeOf(ImageEncoder::encode(*pixels, pixels->hasAlpha, geometry),
+                     "[Converter] Error processing MTLTexture: ");
+  });
 }
 
 EncodeOutcome encodeUnknown(const LayerContents::Unknown& contents, const LayerSnapshot& s,
@@ -302,8 +363,13 @@ EncodeOutcome encodeUnknown(const LayerContents::Unknown& contents, const LayerS
     return {nullptr,
             std::string(kPrefix) + std::string(describe(ImageEncoderError::couldNotCreateCgContext))};
   }
-  return outcomeOf(ImageEncoder::encode(*rendered, !s.isOpaque, geometryOf(s, bounds.size, rendered->scale)),
-                   kPrefix);
+  // Only the rendering says what these contents look like.
+  ImageRecipe recipe = recipeOf(kRendered, s);
+  recipe.hasAlpha = !s.isOpaque;
+  return encodeOnce(context, {ImageSource::pixels(*rendered), std::move(recipe)}, {}, [&] {
+    return outcomeOf(
+        ImageEncoder::encode(*rendered, !s.isOpaque, geometryOf(s, bounds.size, rendered->scale)), kPrefix);
+  });
 }
 
 // The encoded image of the node's contents, encoding them at most once: under the contents' lock they
@@ -316,14 +382,14 @@ EncodeOutcome contentsImage(LayerContents& layerContents, const LayerSnapshot& s
         [&]<typename Kind>(const Kind& kind) -> EncodeOutcome {
           if constexpr (std::is_same_v<Kind, LayerContents::UiImage>) {
             if (!kind.image) return EncodeOutcome::nothing();
-            return encodeUiImage(kind, s);
+            return encodeUiImage(kind, s, context);
           } else if constexpr (std::is_same_v<Kind, LayerContents::CgImage>) {
             if (!kind.image) return EncodeOutcome::nothing();
-            return encodeCgImage(kind, s);
+            return encodeCgImage(kind, s, context);
           } else if constexpr (std::is_same_v<Kind, LayerContents::IOSurfaceSnapshot>) {
-            return encodeSurface(kind, s);
+            return encodeSurface(kind, s, context);
           } else if constexpr (std::is_same_v<Kind, LayerContents::MtlTexture>) {
-            return encodeTexture(kind, s);
+            return encodeTexture(kind, s, context);
           } else if constexpr (std::is_same_v<Kind, LayerContents::Unknown>) {
             return encodeUnknown(kind, s, context);
           } else {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "capture/layer_snapshot.h"
+#include "image/encoded_image_cache.h"
 #include "image/encoded_image_data.h"
 #include "verdalune/logger.h"
 #include "verdalune/platform/platform.h"
@@ -19,14 +20,24 @@ namespace verdalune::sessionreplay {
 class Converter {
  public:
   // What every conversion of one serializer shares: the platform that renders contents the library cannot
-  // read itself.
+  // read itself, and the images encoded so far, so a picture shown by many layers is encoded once.
+  // Used on the serializer's queue only.
   class Context {
    public:
-    explicit Context(std::shared_ptr<platform::Platform> platform) : platform_(std::move(platform)) {}
+    explicit Context(std::shared_ptr<platform::Platform> platform,
+                     EncodedImageCache encodedImages = EncodedImageCache())
+        : platform_(std::move(platform)), encodedImages_(std::move(encodedImages)) {}
     platform::Platform* platform() const { return platform_.get(); }
+    EncodedImageCache& encodedImages() { return encodedImages_; }
+
+    // How many images the conversions had to encode, the cache not having them: a diagnostic.
+    std::size_t encodeCount() const { return encodeCount_; }
+    void countEncode() { ++encodeCount_; }
 
    private:
     std::shared_ptr<platform::Platform> platform_;
+    EncodedImageCache encodedImages_;
+    std::size_t encodeCount_ = 0;
   };
 
   // Images met during conversions, by class name ("bg-" + hash), in the order they were met; the
@@ -46,7 +57,8 @@ class Converter {
   // Attribute name → value: "style" always, "class" with an image, "scrolling" and "sandbox" for web views.
   using Attributes = std::map<std::string, std::string>;
 
-  // An image it encodes is stored back into the node's contents in encoded form, so it is encoded once.
+  // An image it encodes is stored back into the node's contents in encoded form, so those contents are
+  // encoded once; the context's cache makes it once for all contents that show the same picture.
   static Attributes convert(const LayerTreeNode& node, AdditionalContent& additionalContent, Logger* logger,
                             Context& context);
 };

@@ -91,6 +91,16 @@ std::string describe(const PackFailure& failure) {
   return "unknown";
 }
 
+struct EventPacker::Deflater {
+  z_stream stream{};
+  bool ready = false;
+};
+
+void EventPacker::DeflaterDeleter::operator()(Deflater* deflater) const {
+  if (deflater->ready) deflateEnd(&deflater->stream);
+  delete deflater;
+}
+
 std::expected<void, PackFailure> EventPacker::writeJson(const rrweb::Event& event) {
   json_.clear();
   JsonWriter writer(json_);
@@ -115,11 +125,26 @@ std::expected<std::string_view, PackFailure> EventPacker::pack(const rrweb::Even
   // The stored format promises a destination of four times the source; zlib's own bound is smaller
   // for anything but the tiniest input, and every event is larger than that.
   compressed_.resize(json_.size() * 4);
-  uLongf compressedLength = compressed_.size();
-  if (compress(reinterpret_cast<Bytef*>(compressed_.data()), &compressedLength,
-               reinterpret_cast<const Bytef*>(json_.data()), json_.size()) != Z_OK) {
+  if (!deflater_) {
+    auto deflater = std::unique_ptr<Deflater, DeflaterDeleter>(new Deflater());
+    // compress's own settings, so the bytes are the ones it makes.
+    if (deflateInit(&deflater->stream, Z_DEFAULT_COMPRESSION) != Z_OK) {
+      return std::unexpected(PackError::failedToCompress);
+    }
+    deflater->ready = true;
+    deflater_ = std::move(deflater);
+  } else if (deflateReset(&deflater_->stream) != Z_OK) {
     return std::unexpected(PackError::failedToCompress);
   }
+  z_stream& stream = deflater_->stream;
+  stream.next_in = reinterpret_cast<Bytef*>(json_.data());
+  stream.avail_in = static_cast<uInt>(json_.size());
+  stream.next_out = reinterpret_cast<Bytef*>(compressed_.data());
+  stream.avail_out = static_cast<uInt>(compressed_.size());
+  if (json_.size() > std::numeric_limits<uInt>::max() / 4 || deflate(&stream, Z_FINISH) != Z_STREAM_END) {
+    return std::unexpected(PackError::failedToCompress);
+  }
+  const std::size_t compressedLength = stream.total_out;
 
   // The buffer keeps the worst case's room between calls, so only its first use touches new memory.
   const std::string_view bytes = std::string_view(compressed_).substr(0, compressedLength);

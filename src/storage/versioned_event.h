@@ -2,6 +2,7 @@
 
 #include <expected>
 #include <limits>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -31,7 +32,7 @@ using PackFailure = std::variant<PackError, JsonEncodingError>;
 
 [[nodiscard]] std::string describe(const PackFailure& failure);
 
-// Turns events into packed text: sorted-key JSON, compressed with zlib's one-shot compress, each
+// Turns events into packed text: sorted-key JSON, compressed by zlib as its one-shot compress does, each
 // compressed byte taken as one Latin-1 character, and the whole written as a JSON string literal.
 // The literal has no raw line feed, so a block can frame records with line feeds.
 //
@@ -49,9 +50,17 @@ class EventPacker {
   // Writes the versioned JSON of `event` into json_.
   [[nodiscard]] std::expected<void, PackFailure> writeJson(const rrweb::Event& event);
 
+  // zlib's deflate state, made on first use and reset for each event: making it anew (as the one-shot
+  // compress does) allocates and frees about 270 KB every time, most of the cost of packing a small event.
+  struct Deflater;
+  struct DeflaterDeleter {
+    void operator()(Deflater* deflater) const;
+  };
+
   std::string json_;
   std::string compressed_;
   std::string literal_;
+  std::unique_ptr<Deflater, DeflaterDeleter> deflater_;
 };
 
 enum class UnpackError {

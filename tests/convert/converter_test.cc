@@ -321,6 +321,43 @@ TEST_F(ConverterTest, BitmapContentsAreCroppedThenEncodedOnceForEveryLayerSharin
   EXPECT_EQ(images.images()[0].second, image);
 }
 
+// A picture is encoded once however many layers show it, each with contents of its own: the same
+// image object, the same surface frame, equal pixels in bitmaps of their own. A new image object, a new
+// frame, other pixels or another size on screen are encoded again.
+TEST_F(ConverterTest, APictureShownByManyLayersIsEncodedOnce) {
+  auto encodesFor = [&](const std::vector<LayerTreeNode>& nodes) {
+    const std::size_t before = context.encodeCount();
+    for (const LayerTreeNode& node : nodes) EXPECT_TRUE(convert(node).contains("class"));
+    return context.encodeCount() - before;
+  };
+  auto photo = [] { return sim::SimImage::fromBitmap(sim::solidBitmap(10, 10, kRed)); };
+  auto frame = [](std::uint32_t seed) {
+    return LayerContents::IOSurfaceSnapshot{std::make_shared<IOSurfaceSnapshotter::Snapshot>(
+        IOSurfaceSnapshotter::Key{7, seed},
+        std::make_shared<const platform::Bitmap>(sim::solidBitmap(8, 4, kRed)))};
+  };
+  auto bitmap = [](Color color) {
+    return LayerContents::CgImage{std::make_shared<const platform::Bitmap>(sim::solidBitmap(40, 20, color))};
+  };
+  const auto shared = photo();
+  std::vector<LayerTreeNode> nodes;
+  for (int i = 0; i < 3; ++i) {
+    nodes.push_back(showing(LayerContents::UiImage{shared}));
+    nodes.push_back(showing(frame(1)));
+    nodes.push_back(showing(bitmap(kRed)));
+  }
+  EXPECT_EQ(encodesFor(nodes), 3u);
+  EXPECT_EQ(stored(nodes[0]), stored(nodes[3]));
+  EXPECT_EQ(stored(nodes[2]), stored(nodes[8]));
+
+  EXPECT_EQ(encodesFor({showing(LayerContents::UiImage{photo()}), showing(frame(2)), showing(bitmap(kBlue)),
+                        showing(LayerContents::UiImage{shared},
+                                [](LayerSnapshot& s) {
+                                  s.bounds.size = {5, 5};
+                                })}),
+            4u);
+}
+
 // Bitmaps shown in the replay at a point per pixel are encoded with the pixels the device shows (bounds ×
 // contents scale, not more than the bitmap has); placed ones larger than a clipped layer only with the
 // part inside it, shown at that part's size where the whole put it.
