@@ -15,6 +15,7 @@ debian_packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcairo2-dev                      # the simulated device draws its views
   libwebp-dev libpng-dev libjpeg62-turbo-dev  # image encoding, and its fallback
+  libxxhash-dev                      # hashing pixels (header only)
   chromium                           # the browser tests replay recordings in it, through playwright-core
 )
 

@@ -35,8 +35,8 @@ struct ImageGeometry {
   double deviceScale = 0;  // pixels per point the layer is shown at; 0 takes `scale`
 };
 
-// Turns layer contents into compact image bytes and a content hash, on the serializer's queue: lossy WebP
-// through libwebp, PNG when WebP fails. Thread-safe; keeps no state.
+// Turns layer contents into compact image bytes and a content hash, on the serializer's queue: WebP through
+// libwebp (lossy, or exact for pictures of few colours), PNG when WebP fails. Thread-safe; keeps no state.
 class ImageEncoder {
  public:
   // The pixel size an image of `geometry` is encoded at.

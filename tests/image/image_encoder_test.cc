@@ -121,6 +121,39 @@ TEST(ImageEncoderWebP, AlphaSurvivesOnlyThroughTheRgbaImport) {
   EXPECT_NE(withAlpha->hash, withoutAlpha->hash);
 }
 
+// Text, icons and flat shapes (few colours) are kept exactly; photos and gradients stay lossy.
+TEST(ImageEncoderWebP, FewColoursAreKeptExactlyOthersLossy) {
+  Bitmap text = bitmapOf(90, 30, {0, 0, 0, 0});
+  for (int x = 0; x < 90; ++x) {  // strokes of every coverage in steps, as antialiased text has
+    for (int y = 10; y < 20; ++y) {
+      const auto a = static_cast<std::uint8_t>(x * 255 / 89);
+      std::uint8_t* p = text.pixels.data() + y * text.bytesPerRow + x * 4;
+      p[0] = p[1] = p[2] = (x % 3 == 0) ? a : 0;  // black and white ink, premultiplied
+      p[3] = a;
+    }
+  }
+  Bitmap photo = bitmapOf(90, 30, {0, 0, 0, 255}, false);
+  for (std::size_t i = 0; i < photo.pixels.size(); i += 4) {
+    photo.pixels[i] = static_cast<std::uint8_t>(i * 7 % 251);
+    photo.pixels[i + 1] = static_cast<std::uint8_t>(i / 4 % 90 * 2);
+  }
+  for (const auto& [bitmap, lossless] : {std::pair{&text, true}, std::pair{&photo, false}}) {
+    const auto encoded = ImageEncoder::encode(*bitmap, bitmap->hasAlpha, shownAtOwnSize(*bitmap));
+    ASSERT_TRUE(encoded && isWebP(encoded->data));
+    EXPECT_EQ(std::memcmp(encoded->data.data() + 12, "VP8L", 4) == 0, lossless);
+  }
+  const auto encoded = ImageEncoder::encode(text, true, shownAtOwnSize(text));
+  const Decoded decoded = decodeWebP(encoded->data);
+  for (int x = 0; x < 90; x += 11) {
+    const std::uint8_t* p = text.pixels.data() + 15 * text.bytesPerRow + x * 4;
+    const int a = p[3];
+    EXPECT_EQ(decoded.at(x, 15)[3], a) << x;
+    if (a > 0) {
+      EXPECT_EQ(decoded.at(x, 15)[0], (p[0] * 255 + a / 2) / a) << x;
+    }
+  }
+}
+
 TEST(ImageEncoderWebP, DownscaledGradientKeepsItsValues) {
   Bitmap gradient = bitmapOf(400, 200, {0, 0, 0, 255}, false);
   for (std::uint32_t y = 0; y < 200; ++y) {
