@@ -1,7 +1,8 @@
-// The main-thread cost of one capture of a busy screen, against the cost of reading the simulated
-// layers alone in the same run. Target: the library's own share (capture minus reading) of a capture of
-// 1,000 layers stays under 1 ms, a hundredth of the 100 ms between two captures, and grows linearly:
-// its cost per layer at 5,000 layers is at most 1.5 times its cost per layer at 1,000.
+// The main-thread cost of one capture of a busy screen, platform reads included: what the application
+// pays. Targets, from total times measured in the same run: a capture of 1,000 layers takes under 1 ms,
+// a hundredth of the 100 ms between two captures; and it grows linearly, its cost per layer at 5,000
+// layers at most 1.2 times its cost per layer at 1,000. The cost of reading the simulated layers alone
+// is printed beside, for what the platform's own reads weigh, and is no part of a target.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -85,7 +86,7 @@ int main(int argc, char** argv) {
   vdl::bench::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
 
-  std::map<int, double> ownPerLayer;
+  std::map<int, double> perLayer;
   std::map<int, double> readPerLayer;
   bool met = true;
   for (int size : sizes) {
@@ -93,27 +94,25 @@ int main(int argc, char** argv) {
     const double total = reporter.times["capture/" + std::to_string(size)];
     if (read <= 0 || total <= 0) continue;
     const double layers = static_cast<double>(screenOf(size).layerCount);
-    const double ownMs = (total - read) / 1e6;
-    ownPerLayer[size] = (total - read) / layers;
+    perLayer[size] = total / layers;
     readPerLayer[size] = read / layers;
     std::printf(
-        "capture/%d: %.0f layers; capture %.3f ms, platform reads alone %.3f ms (%.0f ns a layer); library "
-        "%.3f ms "
-        "(%.0f ns a layer, %.2f%% of a 100 ms frame)\n",
-        size, layers, total / 1e6, read / 1e6, readPerLayer[size], ownMs, ownPerLayer[size], ownMs);
+        "capture/%d: %.0f layers; capture %.3f ms (%.0f ns a layer, %.2f%% of a 100 ms frame); platform "
+        "reads alone %.3f ms (%.0f ns a layer)\n",
+        size, layers, total / 1e6, perLayer[size], total / 1e6, read / 1e6, readPerLayer[size]);
     if (size == 1000) {
-      std::printf("target: library share of a capture of 1,000 layers < 1.00 ms; measured %.3f ms%s\n", ownMs,
-                  ownMs < 1.0 ? "" : " (NOT MET)");
-      met = met && ownMs < 1.0;
+      std::printf("target: capture of 1,000 layers, platform reads included, < 1.00 ms; measured %.3f ms%s\n",
+                  total / 1e6, total < 1e6 ? "" : " (NOT MET)");
+      met = met && total < 1e6;
     }
   }
-  if (ownPerLayer.contains(1000) && ownPerLayer.contains(5000)) {
-    const double growth = ownPerLayer[5000] / ownPerLayer[1000];
+  if (perLayer.contains(1000) && perLayer.contains(5000)) {
+    const double growth = perLayer[5000] / perLayer[1000];
     std::printf(
-        "target: library cost a layer at 5,000 layers <= 1.5x the cost at 1,000; measured %.2fx%s "
+        "target: capture cost a layer at 5,000 layers <= 1.2x the cost at 1,000; measured %.2fx%s "
         "(platform reads alone: %.2fx)\n",
-        growth, growth <= 1.5 ? "" : " (NOT MET)", readPerLayer[5000] / readPerLayer[1000]);
-    met = met && growth <= 1.5;
+        growth, growth <= 1.2 ? "" : " (NOT MET)", readPerLayer[5000] / readPerLayer[1000]);
+    met = met && growth <= 1.2;
   }
   benchmark::Shutdown();
   return met ? 0 : 1;

@@ -78,7 +78,10 @@ std::shared_ptr<vdl::Snapshot> edited(const vdl::Snapshot& original, std::size_t
   std::size_t seen = 0;
   std::size_t moved = 0;
   auto edit = [&](auto& self, vdl::LayerTreeNode& node) -> void {
-    if (++seen % 100 == 0) node.snapshot.position.y += 1;
+    if (++seen % 100 == 0) {
+      node.snapshot.position.y += 1;
+      node.fingerprint = vdl::fingerprintOf(node.snapshot);  // as the capture would have found it
+    }
     // Lists are the nodes whose children are all cards (a card is ten layers), not the window that
     // holds the lists.
     const bool isList = node.children.size() >= 2 && std::ranges::all_of(node.children, [](const auto& card) {

@@ -181,6 +181,7 @@ void Snapshotter::walk(const std::shared_ptr<platform::Layer>& layer, const Walk
   platform::Transform3D sublayerTransform;
   node.snapshot = readLayerSnapshot(*presentationOrModel(layer, logger_.get()), parentTransform,
                                     state.osVersion, &sublayerTransform);
+  node.fingerprint = fingerprintOf(node.snapshot);
   if (!node.isBlocked) {
     // Contents come from the model layer: a presentation copy shows the same contents object, and the
     // cache and its observation belong to the model.

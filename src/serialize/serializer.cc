@@ -81,10 +81,16 @@ rrweb::MouseInteraction interactionOf(TouchEvent::TouchEventType type) {
   return rrweb::MouseInteraction::touchEnd;
 }
 
-// Whether a node must be written again: its properties, or what the walk added to them.
+// Whether a node must be written again: its properties, or what the walk added to them. The properties
+// are compared by their fingerprints when both nodes have one: most nodes of a capture are unchanged,
+// and comparing a kilobyte of properties for each was most of the comparison's time.
 bool differs(const LayerTreeNode& previous, const LayerTreeNode& next) {
-  return previous.isBlocked != next.isBlocked || previous.contents != next.contents ||
-         !(previous.visualEffect == next.visualEffect) || !(previous.snapshot == next.snapshot);
+  if (previous.isBlocked != next.isBlocked || previous.contents != next.contents ||
+      !(previous.visualEffect == next.visualEffect)) {
+    return true;
+  }
+  if (previous.fingerprint != 0 && next.fingerprint != 0) return previous.fingerprint != next.fingerprint;
+  return !(previous.snapshot == next.snapshot);
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -146,6 +148,73 @@ TEST(LayerSnapshotTest, WebViewBackgroundFallsBackToUnderPageFromOs15ThenWhite) 
   web->setScrollViewBackgroundColor(Color{0, 1, 0, 1});
   EXPECT_EQ(readLayerSnapshot(*web->layer(), {}, kOs17).webViewBackgroundColor, (Color{0, 1, 0, 1}))
       << "the scroll view's own colour comes first";
+}
+
+// The comparison of captures trusts fingerprints: a field left out of the fingerprint would be a change
+// never recorded.
+TEST(LayerSnapshotTest, FingerprintChangesWithEveryField) {
+  const std::vector<std::function<void(LayerSnapshot&)>> changes{
+      [](auto& s) { s.layerClass = "CAShapeLayer"; },
+      [](auto& s) { s.viewClass = "UIView"; },
+      [](auto& s) { s.bounds.size.width = 1; },
+      [](auto& s) { s.position.y = 1; },
+      [](auto& s) { s.zPosition = 1; },
+      [](auto& s) { s.anchorPoint.x = 1; },
+      [](auto& s) { s.anchorPointZ = 1; },
+      [](auto& s) { s.transform.m[12] = 1; },
+      [](auto& s) { s.frame.origin.x = 1; },
+      [](auto& s) { s.isHidden = true; },
+      [](auto& s) { s.isDoubleSided = false; },
+      [](auto& s) { s.isGeometryFlipped = true; },
+      [](auto& s) { s.masksToBounds = true; },
+      [](auto& s) { s.contentsRect.size.height = 1; },
+      [](auto& s) { s.modelContentsRect.origin.y = 1; },
+      [](auto& s) { s.contentsGravity = "center"; },
+      [](auto& s) { s.contentScale = 3; },
+      [](auto& s) { s.contentsCenter.size.width = 1; },
+      [](auto& s) { s.isOpaque = true; },
+      [](auto& s) { s.edgeAntialiasingMask = 15; },
+      [](auto& s) { s.allowsEdgeAntialiazing = true; },
+      [](auto& s) { s.backgroundColor = Color{}; },
+      [](auto& s) { s.cornerRadius = 1; },
+      [](auto& s) { s.maskedCorners = 15; },
+      [](auto& s) { s.cornerCurve = "continuous"; },
+      [](auto& s) { s.borderWidth = 1; },
+      [](auto& s) { s.borderColor = Color{}; },
+      [](auto& s) { s.opacity = 0.5f; },
+      [](auto& s) { s.allowsGroupOpacity = false; },
+      [](auto& s) { s.shadowColor = Color{}; },
+      [](auto& s) { s.shadowOpacity = 0.5f; },
+      [](auto& s) { s.shadowOffset.height = 1; },
+      [](auto& s) { s.shadowRadius = 1; },
+      [](auto& s) { s.shadowPath = platform::Path{}; },
+      [](auto& s) { s.contentsAreFlipped = true; },
+      [](auto& s) { s.compositingFilter = "multiplyBlendMode"; },
+      [](auto& s) { s.userInterfaceStyle = 2; },
+      [](auto& s) { s.gradientColors = std::vector<Color>{}; },
+      [](auto& s) { s.gradientLocations = std::vector<double>{}; },
+      [](auto& s) { s.gradientStartPoint = platform::Point{}; },
+      [](auto& s) { s.gradientEndPoint = platform::Point{}; },
+      [](auto& s) { s.gradientType = "radial"; },
+      [](auto& s) { s.isWebView = true; },
+      [](auto& s) { s.webViewInsets.bottom = 1; },
+      [](auto& s) { s.webViewBackgroundColor = Color{}; },
+      [](auto& s) { s.contentsMultiplyColor = Color{}; },
+      [](auto& s) { s.backgroundColor = Color{.space = platform::ColorSpace::displayP3}; },
+      [](auto& s) { s.shadowPath = platform::Path{.elements = {{}}}; },
+      [](auto& s) { s.gradientColors = std::vector<Color>{Color{}}; },
+  };
+  const LayerSnapshot base;
+  std::set<std::uint64_t> seen{fingerprintOf(base)};
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    LayerSnapshot changed = base;
+    changes[i](changed);
+    ASSERT_NE(changed, base) << i;
+    EXPECT_TRUE(seen.insert(fingerprintOf(changed)).second) << "change " << i;
+  }
+  LayerSnapshot negativeZero = base;
+  negativeZero.position.x = -0.0;
+  EXPECT_EQ(fingerprintOf(negativeZero), fingerprintOf(base));  // equal values, equal fingerprints
 }
 
 }  // namespace
