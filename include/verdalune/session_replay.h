@@ -54,6 +54,12 @@ class SessionReplay : public std::enable_shared_from_this<SessionReplay> {
     // Makes the library's serial queues ("com.verdalune.sessionreplay.renderer", ".storage", ".upload",
     // ".remoteconfig"); by default each is a thread of its own. Tests give manual queues.
     std::function<std::shared_ptr<Queue>(std::string_view label)> makeQueue;
+    // How hard the lossy WebP coding of pictures works: libwebp's quality (0 to 100, 50 when absent) and
+    // method (0, the fastest and the default, to 6, the smallest). The defaults favour the phone's time
+    // over bytes; the bandwidth benchmark prints what other values cost and save. Out-of-range values
+    // are logged and the defaults used.
+    std::optional<int> imageQuality;
+    std::optional<int> imageMethod;
   };
 
   // A recorder needs its parameters; there is no default one.

@@ -276,10 +276,12 @@ EncodeOutcome encodeUiImage(const LayerContents::UiImage& contents, const LayerS
         return EncodeOutcome{nullptr, std::string(kPrefix) +
                                           std::string(describe(ImageEncoderError::couldNotCreateCgContext))};
       }
-      return outcomeOf(ImageEncoder::encode(*drawing, hasAlpha, geometryOf(s, size, drawing->scale)),
+      return outcomeOf(ImageEncoder::encode(*drawing, hasAlpha, geometryOf(s, size, drawing->scale),
+                                            context.imageEffort()),
                        kPrefix);
     }
-    return outcomeOf(ImageEncoder::encode(image, hasAlpha, geometryOf(s, image.size(), image.scale())),
+    return outcomeOf(ImageEncoder::encode(image, hasAlpha, geometryOf(s, image.size(), image.scale()),
+                                          context.imageEffort()),
                      kPrefix);
   });
 }
@@ -301,7 +303,7 @@ EncodeOutcome encodeCgImage(const LayerContents::CgImage& contents, const LayerS
         // device shows the layer with, so text in a bitmap stays sharp on a dense screen.
         ImageGeometry geometry = geometryOf(s, pixelSizeOf(*cropped), 1);
         geometry.deviceScale = s.contentScale;
-        return outcomeOf(ImageEncoder::encode(*cropped, cropped->hasAlpha, geometry),
+        return outcomeOf(ImageEncoder::encode(*cropped, cropped->hasAlpha, geometry, context.imageEffort()),
                          "[Converter] Error processing CGImage: ");
       });
   if (outcome.image) context.encodedImages().insert(byObject, outcome.image, contents.image);
@@ -321,7 +323,8 @@ EncodeOutcome encodeSurface(const LayerContents::IOSurfaceSnapshot& contents, co
         if (!cropped) return EncodeOutcome::nothing();
         return outcomeOf(
             ImageEncoder::encode(*cropped, cropped->hasAlpha,
-                                 geometryOf(s, pointSizeOf(*cropped, cropped->scale), cropped->scale)),
+                                 geometryOf(s, pointSizeOf(*cropped, cropped->scale), cropped->scale),
+                                 context.imageEffort()),
             "[Converter] Error processing IOSurface: ");
       });
 }
@@ -340,7 +343,7 @@ EncodeOutcome encodeTexture(const LayerContents::MtlTexture& contents, const Lay
     ImageGeometry geometry = geometryOf(s, pointSizeOf(*pixels, s.contentScale), scale);
     // A drawable is always stretched over the whole layer.
     geometry.contentsGravity = "resize";
-    return outcomeOf(ImageEncoder::encode(*pixels, pixels->hasAlpha, geometry),
+    return outcomeOf(ImageEncoder::encode(*pixels, pixels->hasAlpha, geometry, context.imageEffort()),
                      "[Converter] Error processing MTLTexture: ");
   });
 }
@@ -367,8 +370,9 @@ EncodeOutcome encodeUnknown(const LayerContents::Unknown& contents, const LayerS
   ImageRecipe recipe = recipeOf(kRendered, s);
   recipe.hasAlpha = !s.isOpaque;
   return encodeOnce(context, {ImageSource::pixels(*rendered), std::move(recipe)}, {}, [&] {
-    return outcomeOf(
-        ImageEncoder::encode(*rendered, !s.isOpaque, geometryOf(s, bounds.size, rendered->scale)), kPrefix);
+    return outcomeOf(ImageEncoder::encode(*rendered, !s.isOpaque, geometryOf(s, bounds.size, rendered->scale),
+                                          context.imageEffort()),
+                     kPrefix);
   });
 }
 

@@ -10,6 +10,7 @@
 #include "capture/layer_snapshot.h"
 #include "image/encoded_image_cache.h"
 #include "image/encoded_image_data.h"
+#include "image/image_encoder.h"
 #include "verdalune/logger.h"
 #include "verdalune/platform/platform.h"
 
@@ -29,6 +30,9 @@ class Converter {
         : platform_(std::move(platform)), encodedImages_(std::move(encodedImages)) {}
     platform::Platform* platform() const { return platform_.get(); }
     EncodedImageCache& encodedImages() { return encodedImages_; }
+    // The same for every image of the context, so the cache need not tell efforts apart.
+    const ImageEffort& imageEffort() const { return imageEffort_; }
+    void setImageEffort(ImageEffort effort) { imageEffort_ = effort; }
 
     // How many images the conversions had to encode, the cache not having them: a diagnostic.
     std::size_t encodeCount() const { return encodeCount_; }
@@ -37,6 +41,7 @@ class Converter {
    private:
     std::shared_ptr<platform::Platform> platform_;
     EncodedImageCache encodedImages_;
+    ImageEffort imageEffort_;
     std::size_t encodeCount_ = 0;
   };
 

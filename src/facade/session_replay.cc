@@ -100,6 +100,15 @@ std::shared_ptr<SessionReplay> SessionReplay::make(std::string apiKey, std::opti
   s.maskLevel = maskLevel;
   s.enableRemoteConfig = enableRemoteConfig;
 
+  ImageEffort imageEffort{.quality = options.imageQuality.value_or(ImageEffort::kDefaultQuality),
+                          .method = options.imageMethod.value_or(ImageEffort::kDefaultMethod)};
+  if (!imageEffort.isValid()) {
+    s.logger->warn("[SessionReplay] imageQuality must be 0 to 100 and imageMethod 0 to 6; using " +
+                   std::to_string(ImageEffort::kDefaultQuality) + " and " +
+                   std::to_string(ImageEffort::kDefaultMethod));
+    imageEffort = {};
+  }
+
   auto makeQueue =
       options.makeQueue ? options.makeQueue : [](std::string_view label) -> std::shared_ptr<Queue> {
     return std::make_shared<SerialQueue>(std::string(label));
@@ -157,7 +166,8 @@ std::shared_ptr<SessionReplay> SessionReplay::make(std::string apiKey, std::opti
                                    .logger = s.logger,
                                    .storageCoordinator = s.storageCoordinator,
                                    .queue = makeQueue("com.verdalune.sessionreplay.renderer"),
-                                   .webviewMappings = std::move(webviewMappings)});
+                                   .webviewMappings = std::move(webviewMappings),
+                                   .imageEffort = imageEffort});
   s.webViewHandler = WebViewHandler::make(s.logger, s.application);
   s.webViewHandler->onWebviewEvent = [weakSerializer = std::weak_ptr<Serializer>(s.serializer)](
                                          std::int64_t layerId, std::string event) {

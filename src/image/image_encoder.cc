@@ -153,17 +153,23 @@ bool hasFewColors(const Bitmap& rgba) {
   return true;
 }
 
-std::expected<Bytes, ImageEncoderError> encodeWebP(const Bitmap& rgba, bool hasAlpha) {
-  // The default preset at quality 50 with the fastest method: speed and size over fidelity.
+std::expected<Bytes, ImageEncoderError> encodeWebP(const Bitmap& rgba, bool hasAlpha,
+                                                   const ImageEffort& effort) {
+  // By default the preset at quality 50 with the fastest method: speed and size over fidelity.
   WebPConfig config;
-  if (!WebPConfigInit(&config) || !WebPConfigPreset(&config, WEBP_PRESET_DEFAULT, 50)) {
+  if (!WebPConfigInit(&config) ||
+      !WebPConfigPreset(&config, WEBP_PRESET_DEFAULT, static_cast<float>(effort.quality))) {
     return std::unexpected(ImageEncoderError::invalidConfig);
   }
-  config.method = 0;
+  config.method = effort.method;
   // A picture of few colours (text, icons, flat shapes) is kept exactly, as a palette: at the fastest
   // method that is about half the time of lossy coding with its separate alpha plane, and fewer bytes
   // for text. Photos and gradients stay lossy.
   config.lossless = hasFewColors(rgba) ? 1 : 0;
+  if (config.lossless) {
+    config.quality = ImageEffort::kDefaultQuality;
+    config.method = 0;
+  }
   // The fast alpha filter tries predictors on the alpha plane and, at this method, nearly always keeps
   // none: the same bytes for text, icons and soft shadows, at up to twice the time. Not trying is cheaper.
   config.alpha_filtering = 0;
@@ -334,8 +340,9 @@ Bitmap cropPixels(const Bitmap& bitmap, double x0, double y0, double x1, double 
 }
 
 std::expected<EncodedImageData, ImageEncoderError> encodeRendered(const Bitmap& rgba, bool hasAlpha,
-                                                                  Size originalImageSize) {
-  std::expected<Bytes, ImageEncoderError> webp = encodeWebP(rgba, hasAlpha);
+                                                                  Size originalImageSize,
+                                                                  const ImageEffort& effort) {
+  std::expected<Bytes, ImageEncoderError> webp = encodeWebP(rgba, hasAlpha, effort);
   if (webp) return makeEncoded(EncodedImageType::webp, std::move(*webp), originalImageSize);
   // Why WebP failed does not matter to the caller, only whether any image can be made.
   return ImageEncoder::encodeFallback(rgba, hasAlpha, originalImageSize);
@@ -410,7 +417,8 @@ Size ImageEncoder::targetPixelSize(const ImageGeometry& geometry) {
 }
 
 std::expected<EncodedImageData, ImageEncoderError> ImageEncoder::encode(const Bitmap& bitmap, bool hasAlpha,
-                                                                        const ImageGeometry& geometry) {
+                                                                        const ImageGeometry& geometry,
+                                                                        const ImageEffort& effort) {
   // A placed image larger than the bounds shows only its part inside them: encoding the whole and
   // shrinking it to fit the encoded size would leave the part that shows blurred.
   if (const auto alignment = alignmentOf(geometry.contentsGravity);
@@ -422,7 +430,7 @@ std::expected<EncodedImageData, ImageEncoderError> ImageEncoder::encode(const Bi
     if (x1 - x0 < bitmap.width || y1 - y0 < bitmap.height) {
       ImageGeometry shown = geometry;
       shown.sourceSize = {source.width * (x1 - x0) / bitmap.width, source.height * (y1 - y0) / bitmap.height};
-      return encode(cropPixels(bitmap, x0, y0, x1, y1), hasAlpha, shown);
+      return encode(cropPixels(bitmap, x0, y0, x1, y1), hasAlpha, shown, effort);
     }
   }
   const Size target = targetPixelSize(geometry);
@@ -431,13 +439,16 @@ std::expected<EncodedImageData, ImageEncoderError> ImageEncoder::encode(const Bi
   const std::uint32_t height = std::min(toPixelCount(target.height), bitmap.height);
   const std::optional<Bitmap> rgba = image::renderRGBA(bitmap, width, height, hasAlpha);
   if (!rgba) return std::unexpected(ImageEncoderError::couldNotCreateCgContext);
-  return encodeRendered(*rgba, hasAlpha, geometry.sourceSize);
+  return encodeRendered(*rgba, hasAlpha, geometry.sourceSize, effort);
 }
 
 std::expected<EncodedImageData, ImageEncoderError> ImageEncoder::encode(const platform::Image& image,
                                                                         bool hasAlpha,
-                                                                        const ImageGeometry& geometry) {
-  if (const std::shared_ptr<const Bitmap> bitmap = image.bitmap()) return encode(*bitmap, hasAlpha, geometry);
+                                                                        const ImageGeometry& geometry,
+                                                                        const ImageEffort& effort) {
+  if (const std::shared_ptr<const Bitmap> bitmap = image.bitmap()) {
+    return encode(*bitmap, hasAlpha, geometry, effort);
+  }
   // An image without a bitmap (a symbol) is drawn right at the size it is encoded at, in points at its
   // own scale, so a vector image stays sharp.
   const Size target = targetPixelSize(geometry);
@@ -446,7 +457,7 @@ std::expected<EncodedImageData, ImageEncoderError> ImageEncoder::encode(const pl
   const double scale = std::isfinite(image.scale()) && image.scale() > 0 ? image.scale() : 1;
   const std::optional<Bitmap> drawn = image.draw({target.width / scale, target.height / scale}, !hasAlpha);
   if (!drawn) return std::unexpected(ImageEncoderError::couldNotCreateCgContext);
-  return encode(*drawn, hasAlpha, geometry);
+  return encode(*drawn, hasAlpha, geometry, effort);
 }
 
 std::expected<EncodedImageData, ImageEncoderError> ImageEncoder::encodeFallback(const Bitmap& rgba,

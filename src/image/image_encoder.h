@@ -35,6 +35,17 @@ struct ImageGeometry {
   double deviceScale = 0;  // pixels per point the layer is shown at; 0 takes `scale`
 };
 
+// How hard lossy WebP works: libwebp's quality (0...100) and method (0 fastest ... 6 smallest). Pictures
+// of few colours are coded losslessly at the fastest method whatever this says.
+struct ImageEffort {
+  static constexpr int kDefaultQuality = 50;
+  static constexpr int kDefaultMethod = 0;
+  int quality = kDefaultQuality;
+  int method = kDefaultMethod;
+  bool operator==(const ImageEffort&) const = default;
+  bool isValid() const { return quality >= 0 && quality <= 100 && method >= 0 && method <= 6; }
+};
+
 // Turns layer contents into compact image bytes and a content hash, on the serializer's queue: WebP through
 // libwebp (lossy, or exact for pictures of few colours), PNG when WebP fails. Thread-safe; keeps no state.
 class ImageEncoder {
@@ -49,10 +60,12 @@ class ImageEncoder {
   // import (alpha kept, un-premultiplied) or the RGBX import (alpha ignored).
   static std::expected<EncodedImageData, ImageEncoderError> encode(const platform::Bitmap& bitmap,
                                                                    bool hasAlpha,
-                                                                   const ImageGeometry& geometry);
+                                                                   const ImageGeometry& geometry,
+                                                                   const ImageEffort& effort = {});
   static std::expected<EncodedImageData, ImageEncoderError> encode(const platform::Image& image,
                                                                    bool hasAlpha,
-                                                                   const ImageGeometry& geometry);
+                                                                   const ImageGeometry& geometry,
+                                                                   const ImageEffort& effort = {});
 
   // The fallback alone (PNG with alpha, JPEG at quality 0.5 without; labelled png either way), for tests.
   static std::expected<EncodedImageData, ImageEncoderError> encodeFallback(const platform::Bitmap& rgba,

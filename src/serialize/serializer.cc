@@ -93,13 +93,75 @@ bool differs(const LayerTreeNode& previous, const LayerTreeNode& next) {
   return !(previous.snapshot == next.snapshot);
 }
 
+// The declarations of an inline style, "name:value; name:value", by name; nothing when a name comes
+// twice or a value is marked important, which a change of single properties could not say.
+std::optional<std::map<std::string_view, std::string_view>> declarations(std::string_view style) {
+  std::map<std::string_view, std::string_view> byName;
+  int depth = 0;
+  std::size_t start = 0;
+  for (std::size_t at = 0; at <= style.size(); ++at) {
+    if (at < style.size()) {
+      if (style[at] == '(') ++depth;
+      if (style[at] == ')') --depth;
+      if (style[at] != ';' || depth != 0) continue;
+    }
+    std::string_view declaration = style.substr(start, at - start);
+    start = at + 1;
+    while (!declaration.empty() && declaration.front() == ' ') declaration.remove_prefix(1);
+    if (declaration.empty()) continue;
+    const std::size_t colon = declaration.find(':');
+    if (colon == std::string_view::npos || declaration.find("!important") != std::string_view::npos) {
+      return std::nullopt;
+    }
+    if (!byName.emplace(declaration.substr(0, colon), declaration.substr(colon + 1)).second)
+      return std::nullopt;
+  }
+  return byName;
+}
+
+// The attributes of `now` that differ from `shown`, and null for those it no longer has. A style that
+// changed is sent as the properties that changed, false for those gone (the replayer sets them one by
+// one): an animation that turns a view changes its transform, not the dozen other properties.
+rrweb::JSONValue::Dictionary changedAttributes(const Converter::Attributes& shown,
+                                               rrweb::JSONValue::Dictionary now) {
+  rrweb::JSONValue::Dictionary changed;
+  for (auto& [name, value] : now) {
+    const auto before = shown.find(name);
+    const std::string* text = std::get_if<std::string>(&value.value);
+    if (before != shown.end() && text && *text == before->second) continue;
+    if (name == "style" && text && before != shown.end()) {
+      const auto was = declarations(before->second);
+      const auto is = declarations(*text);
+      if (was && is) {
+        rrweb::JSONValue::Dictionary properties;
+        for (const auto& [property, propertyValue] : *is) {
+          const auto old = was->find(property);
+          if (old == was->end() || old->second != propertyValue) {
+            properties.emplace(std::string(property), std::string(propertyValue));
+          }
+        }
+        for (const auto& [property, ignored] : *was) {
+          if (!is->contains(property)) properties.emplace(std::string(property), false);
+        }
+        changed.emplace(name, std::move(properties));
+        continue;
+      }
+    }
+    changed.emplace(name, std::move(value));
+  }
+  for (const auto& [name, ignored] : shown) {
+    if (!now.contains(name)) changed.emplace(name, nullptr);
+  }
+  return changed;
+}
 }  // namespace
 
 // The outcome of comparing two captures, as pointers into them.
 struct Serializer::Changes {
   std::vector<const LayerTreeNode*> added;    // parents before children, later siblings first
   std::vector<const LayerTreeNode*> removed;  // each with its whole subtree
-  std::vector<const LayerTreeNode*> changed;  // the new node of each changed pair
+  // Each changed pair, the previous node first.
+  std::vector<std::pair<const LayerTreeNode*, const LayerTreeNode*>> changed;
 };
 
 std::shared_ptr<Serializer> Serializer::make(Options options) {
@@ -113,7 +175,9 @@ Serializer::Serializer(Options options)
       queue_(std::move(options.queue)),
       webviewMappings_(std::move(options.webviewMappings)),
       href_("ios://" + platform_->application()->bundleIdentifier().value_or("<unknown>")),
-      converterContext_(platform_) {}
+      converterContext_(platform_) {
+  converterContext_.setImageEffort(options.imageEffort);
+}
 
 void Serializer::setDelegate(std::weak_ptr<SerializerDelegate> delegate) {
   delegate_ = std::move(delegate);
@@ -406,7 +470,7 @@ void Serializer::compare(const std::vector<LayerTreeNode>& previous, const std::
                  [](const LayerTreeNode& a, const LayerTreeNode& b) { return a.id == b.id; });
   if (sameLayers) {
     for (std::size_t i = 0; i < next.size(); ++i) {
-      if (differs(previous[i], next[i])) changes.changed.push_back(&next[i]);
+      if (differs(previous[i], next[i])) changes.changed.emplace_back(&previous[i], &next[i]);
       compare(previous[i].children, next[i].children, changes);
     }
     return;
@@ -437,7 +501,7 @@ void Serializer::compare(const std::vector<LayerTreeNode>& previous, const std::
     if (!nextPaired[j - 1]) addSubtree(addSubtree, next[j - 1]);
   }
   for (const auto& [i, j] : pairs) {
-    if (differs(previous[i], next[j])) changes.changed.push_back(&next[j]);
+    if (differs(previous[i], next[j])) changes.changed.emplace_back(&previous[i], &next[j]);
     compare(previous[i].children, next[j].children, changes);
   }
 }
@@ -477,12 +541,16 @@ void Serializer::writeComparison(const Snapshot& previous, const Snapshot& snaps
                              .node = element(*node, images, false)});
   }
   mutation.attributes.reserve(changes.changed.size());
-  for (const LayerTreeNode* node : changes.changed) {
-    const bool hadClass = elementsWithClass_.contains(node->id);
+  for (const auto& [before, node] : changes.changed) {
+    // What the replay shows now is the previous node's conversion; only what differs from it is sent.
+    // Its images were sent with it, and anything wrong with it was logged then.
+    Converter::AdditionalContent shownImages;
+    const Converter::Attributes shown = Converter::convert(*before, shownImages, nullptr, converterContext_);
     rrweb::ElementNode updated = element(*node, images, false);
-    if (hadClass && !updated.attributes.contains("class")) updated.attributes.emplace("class", nullptr);
-    mutation.attributes.push_back({.id = node->id, .attributes = std::move(updated.attributes)});
+    rrweb::JSONValue::Dictionary changed = changedAttributes(shown, std::move(updated.attributes));
+    if (!changed.empty()) mutation.attributes.push_back({.id = node->id, .attributes = std::move(changed)});
   }
+  if (mutation.adds.empty() && mutation.removes.empty() && mutation.attributes.empty()) return;
   for (std::string& rule : newImageRules(images)) {
     mutation.adds.push_back({.parentId = kStyleId,
                              .nextId = std::nullopt,

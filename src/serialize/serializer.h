@@ -43,6 +43,7 @@ class Serializer final : public CaptureReceiver, public std::enable_shared_from_
     std::shared_ptr<StorageCoordinatorProtocol> storageCoordinator;
     std::shared_ptr<Queue> queue;  // a SerialQueue labelled "com.verdalune.sessionreplay.renderer"
     std::map<std::string, std::string> webviewMappings;
+    ImageEffort imageEffort;
   };
 
   static std::shared_ptr<Serializer> make(Options options);

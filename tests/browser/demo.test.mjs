@@ -137,7 +137,10 @@ function furthestScroll() {
   let furthest = { index: -1, offset: 0 };
   events.forEach((event, index) => {
     for (const change of event.type === 3 && event.data.source === 0 ? event.data.attributes : []) {
-      const offset = -Number(/margin-top:(-?[\d.]+)px/.exec(change.attributes.style ?? '')?.[1] ?? 0);
+      // A style is written whole in a snapshot and as the properties that changed in a mutation.
+      const style = change.attributes.style;
+      const marginTop = typeof style === 'object' && style ? `margin-top:${style['margin-top']}` : style ?? '';
+      const offset = -Number(/margin-top:\s*(-?[\d.]+)px/.exec(marginTop)?.[1] ?? 0);
       if (offset > furthest.offset) furthest = { index, offset };
     }
   });

@@ -233,9 +233,18 @@
   // ---- checkpoints: the replayed document against a full snapshot of the same capture ----
 
   const scratch = document.createElement('div');
+  // The declarations as the browser reads them, by property name: a change of single properties
+  // appends the ones it adds, and the order of different properties means nothing.
   function normalStyle(text) {
     scratch.setAttribute('style', text || '');
-    return scratch.style.cssText;
+    const style = scratch.style;
+    const declarations = [];
+    for (let i = 0; i < style.length; i += 1) {
+      const name = style.item(i);
+      const priority = style.getPropertyPriority(name);
+      declarations.push(`${name}: ${style.getPropertyValue(name)}${priority ? ` !${priority}` : ''};`);
+    }
+    return declarations.sort().join(' ');
   }
   // Class names the Replayer itself puts on replayed elements (paused playback, the hovered path).
   const replayerClasses = new Set(['rrweb-paused', ':hover']);

@@ -33,6 +33,25 @@ class RecordingDelegate final : public SerializerDelegate {
 // and to compare the result with another document.
 class Dom {
  public:
+  static std::map<std::string, std::string> declarationsOf(const std::string& style) {
+    std::map<std::string, std::string> declarations;
+    for (std::size_t start = 0; start < style.size();) {
+      std::size_t end = style.find("; ", start);
+      if (end == std::string::npos) end = style.size();
+      const std::string declaration = style.substr(start, end - start);
+      const std::size_t colon = declaration.find(':');
+      declarations[declaration.substr(0, colon)] =
+          colon == std::string::npos ? "" : declaration.substr(colon + 1);
+      start = end + 2;
+    }
+    return declarations;
+  }
+  static std::string styleOf(const std::map<std::string, std::string>& declarations) {
+    std::string style;
+    for (const auto& [name, value] : declarations) style += (style.empty() ? "" : "; ") + name + ":" + value;
+    return style;
+  }
+
   struct Element {
     std::string tag;
     std::map<std::string, std::string> attributes;
@@ -72,6 +91,18 @@ class Dom {
       for (const auto& [name, value] : change.attributes) {
         if (const auto* text = std::get_if<std::string>(&value.value)) {
           attributes[name] = *text;
+        } else if (const auto* properties = std::get_if<rrweb::JSONValue::Dictionary>(&value.value)) {
+          ASSERT_EQ(name, "style") << "only a style changes by its properties";
+          auto declarations = declarationsOf(attributes[name]);
+          for (const auto& [property, set] : *properties) {
+            if (const auto* text = std::get_if<std::string>(&set.value)) {
+              declarations[property] = *text;
+            } else {
+              ASSERT_EQ(set, rrweb::JSONValue(false)) << property;
+              ASSERT_TRUE(declarations.erase(property)) << "removing " << property << ", which is not there";
+            }
+          }
+          attributes[name] = styleOf(declarations);
         } else {
           attributes.erase(name);
         }
@@ -125,7 +156,10 @@ class Dom {
     out += "<" + element.tag + " " + std::to_string(id);
     for (const char* name : {"style", "class"}) {
       if (auto found = element.attributes.find(name); found != element.attributes.end()) {
-        out += std::string(" ") + name + "='" + found->second + "'";
+        // Declarations in one order: the replayer appends a property that a change adds.
+        const std::string value =
+            name == std::string("style") ? styleOf(declarationsOf(found->second)) : found->second;
+        out += std::string(" ") + name + "='" + value + "'";
       }
     }
     out += ">";
