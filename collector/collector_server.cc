@@ -323,7 +323,7 @@ struct CollectorServer::Asset {
   }
 };
 
-CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& database, LogLine log)
+CollectorServer::CollectorServer(ServerSettings settings, SessionStore& database, LogLine log)
     : settings_(std::move(settings)),
       database_(database),
       log_(std::move(log)),
@@ -653,12 +653,12 @@ void CollectorServer::handleTrack(const Request& request, std::string_view body,
 
   const auto stored = database_.storeBlock(*key, *events);
   if (!stored) return answerText(response, 500, "cannot store the block: " + stored.error());
-  if (*stored == SessionDatabase::Stored::conflicting)
+  if (*stored == SessionStore::Stored::conflicting)
     return answerText(response, 409, "a block with other events is stored under this seq_number");
   // "stored" is false for a block that was here already.
   answerJson(response, 200,
              R"({"events":)" + std::to_string(events->size()) + R"(,"stored":)" +
-                 (*stored == SessionDatabase::Stored::stored ? "true" : "false") + "}");
+                 (*stored == SessionStore::Stored::stored ? "true" : "false") + "}");
 }
 
 void CollectorServer::handleConfig(const Request& request, std::string_view, Response& response) {
