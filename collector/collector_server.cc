@@ -330,6 +330,11 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionStore& database
       guard_(settings_.connectionLimits, log_) {
   http_.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
   http_.set_payload_max_length(settings_.maxBodyBytes);
+  // The socket the library is about to bind, kept for bind() to widen its queue of connections.
+  http_.set_socket_options([this](int socket) {
+    httplib::default_socket_options(socket);
+    listeningSocket_ = socket;
+  });
 
   // The track body is read by its handler, so that it is counted as it arrives, however it is framed or
   // encoded, and never read at all without a key.
@@ -450,6 +455,11 @@ void CollectorServer::registerTestControls() {
 std::expected<int, std::string> CollectorServer::bind(const std::string& host, int port) {
   const int bound = port == 0 ? http_.bind_to_any_port(host) : (http_.bind_to_port(host, port) ? port : -1);
   if (bound <= 0) return std::unexpected("cannot listen on " + host + ":" + std::to_string(port));
+  // The library listens with a queue of 5 connections not yet accepted. Behind a load balancer, or when
+  // a crowd of phones comes back online, more arrive at once, and the kernel drops the ones over it:
+  // their requests end unanswered. Listening again on the bound socket only widens the queue.
+  if (::listen(listeningSocket_, SOMAXCONN) != 0)
+    return std::unexpected("cannot listen on " + host + ":" + std::to_string(port));
   port_ = bound;
   boundHost_ = lowercase(host);
   return bound;

@@ -129,7 +129,8 @@ class CollectorServer {
   httplib::Server http_;
   ConnectionGuard guard_;
   int port_ = 0;
-  std::string boundHost_;  // lowercase
+  int listeningSocket_ = -1;  // the listening socket, once bound
+  std::string boundHost_;     // lowercase
 
   // The player files as served, each compressed once: by file, with the file's time and size when read.
   struct Asset;

@@ -222,7 +222,9 @@ std::expected<PGconn*, std::string> PostgresSessionStore::connect() const {
   }
   // An upload is acknowledged once its commit returns, and the device then deletes its copy: the commit
   // must be on disk by then, whatever the server's default.
-  if (auto set = command(connection, "SET synchronous_commit = on"); !set) {
+  // The server's notices (a table that exists already, say) are not the collector's to print.
+  if (auto set = command(connection, "SET synchronous_commit = on; SET client_min_messages = warning");
+      !set) {
     PQfinish(connection);
     return std::unexpected(set.error());
   }
