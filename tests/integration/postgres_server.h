@@ -16,7 +16,8 @@ namespace verdalune::sessionreplay::testing {
 class PostgresServer {
  public:
   // nullptr, with the reason on stderr, when the server does not come up within a few seconds. The
-  // server also stops when this process ends without running the destructor.
+  // server also stops when the calling thread ends without running the destructor, so call it from a
+  // thread that outlives the server (the main thread, say).
   static std::unique_ptr<PostgresServer> start();
   // One server for the whole test process, started at the first call; nullptr when it cannot start.
   static PostgresServer* shared();
