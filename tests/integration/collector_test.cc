@@ -674,7 +674,7 @@ TEST(CollectorSlowClients, StillAnswersOthersWhileSlowClientsHoldMoreConnections
     }
     const auto result = answer.get();
     for (const int socket : slow) close(socket);
-    ASSERT_TRUE(result) << httplib::to_string(result.error());
+    ASSERT_TRUE(result) << httplib::to_string(result.error()) << collector->log();
     EXPECT_EQ(result->status, 200);
   }
 }
