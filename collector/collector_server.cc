@@ -323,13 +323,18 @@ struct CollectorServer::Asset {
   }
 };
 
-CollectorServer::CollectorServer(ServerSettings settings, SessionDatabase& database, LogLine log)
+CollectorServer::CollectorServer(ServerSettings settings, SessionStore& database, LogLine log)
     : settings_(std::move(settings)),
       database_(database),
       log_(std::move(log)),
       guard_(settings_.connectionLimits, log_) {
   http_.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
   http_.set_payload_max_length(settings_.maxBodyBytes);
+  // The socket the library is about to bind, kept for bind() to widen its queue of connections.
+  http_.set_socket_options([this](int socket) {
+    httplib::default_socket_options(socket);
+    listeningSocket_ = socket;
+  });
 
   // The track body is read by its handler, so that it is counted as it arrives, however it is framed or
   // encoded, and never read at all without a key.
@@ -450,6 +455,11 @@ void CollectorServer::registerTestControls() {
 std::expected<int, std::string> CollectorServer::bind(const std::string& host, int port) {
   const int bound = port == 0 ? http_.bind_to_any_port(host) : (http_.bind_to_port(host, port) ? port : -1);
   if (bound <= 0) return std::unexpected("cannot listen on " + host + ":" + std::to_string(port));
+  // The library listens with a queue of 5 connections not yet accepted. Behind a load balancer, or when
+  // a crowd of phones comes back online, more arrive at once, and the kernel drops the ones over it:
+  // their requests end unanswered. Listening again on the bound socket only widens the queue.
+  if (::listen(listeningSocket_, SOMAXCONN) != 0)
+    return std::unexpected("cannot listen on " + host + ":" + std::to_string(port));
   port_ = bound;
   boundHost_ = lowercase(host);
   return bound;
@@ -653,12 +663,12 @@ void CollectorServer::handleTrack(const Request& request, std::string_view body,
 
   const auto stored = database_.storeBlock(*key, *events);
   if (!stored) return answerText(response, 500, "cannot store the block: " + stored.error());
-  if (*stored == SessionDatabase::Stored::conflicting)
+  if (*stored == SessionStore::Stored::conflicting)
     return answerText(response, 409, "a block with other events is stored under this seq_number");
   // "stored" is false for a block that was here already.
   answerJson(response, 200,
              R"({"events":)" + std::to_string(events->size()) + R"(,"stored":)" +
-                 (*stored == SessionDatabase::Stored::stored ? "true" : "false") + "}");
+                 (*stored == SessionStore::Stored::stored ? "true" : "false") + "}");
 }
 
 void CollectorServer::handleConfig(const Request& request, std::string_view, Response& response) {

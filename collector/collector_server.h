@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "connection_guard.h"
-#include "session_database.h"
+#include "session_store.h"
 #include "track_body.h"
 
 namespace verdalune::sessionreplay::collector {
@@ -73,7 +73,7 @@ class CollectorServer {
  public:
   using LogLine = std::function<void(std::string_view line)>;
 
-  CollectorServer(ServerSettings settings, SessionDatabase& database, LogLine log);
+  CollectorServer(ServerSettings settings, SessionStore& database, LogLine log);
 
   // Binds the listening socket; the port bound (the system's pick when `port` is 0) or a reason.
   [[nodiscard]] std::expected<int, std::string> bind(const std::string& host, int port);
@@ -124,12 +124,13 @@ class CollectorServer {
                                  bool tokenNeeded = true);
 
   ServerSettings settings_;
-  SessionDatabase& database_;
+  SessionStore& database_;
   LogLine log_;
   httplib::Server http_;
   ConnectionGuard guard_;
   int port_ = 0;
-  std::string boundHost_;  // lowercase
+  int listeningSocket_ = -1;  // the listening socket, once bound
+  std::string boundHost_;     // lowercase
 
   // The player files as served, each compressed once: by file, with the file's time and size when read.
   struct Asset;

@@ -38,14 +38,17 @@ std::string defaultAssetsDir() {
 std::string usage() {
   return R"(usage: vdl-collector --api-key KEY [options]
 
-Receives session replay blocks, stores them in SQLite, serves them back and plays them in rrweb's player.
+Receives session replay blocks, stores them in SQLite or PostgreSQL, serves them back and plays them in rrweb's player.
 
   --api-key KEY          accept uploads bearing this key (repeatable; at least one)
   --config KEY=FILE      answer GET /config?api_key=KEY with the contents of FILE (repeatable);
                          keys without one get {"configs":{}}
   --port N               port to listen on; 0 (the default) picks a free one
   --host ADDRESS         address to listen on (default 127.0.0.1)
-  --db PATH              SQLite file (default vdl-collector.sqlite3 in the working directory)
+  --db PATH|URI          where sessions are kept: an SQLite file, for one collector (default
+                         vdl-collector.sqlite3 in the working directory), or a PostgreSQL database,
+                         postgresql://USER@HOST:PORT/DATABASE, which several collectors may share; a
+                         password belongs in PGPASSWORD or ~/.pgpass, not on a command line
   --max-body-bytes N     largest upload body accepted, counted after any Content-Encoding is undone;
                          larger ones get 413 (default 20971520)
   --max-event-bytes N    largest event accepted once inflated; a block holding a larger one gets 413
@@ -133,7 +136,7 @@ std::expected<std::variant<CommandLine, HelpRequested>, std::string> parseComman
     } else if (option == "--host") {
       line.host = *value;
     } else if (option == "--db") {
-      line.databasePath = *value;
+      line.database = *value;
     } else if (option == "--api-key") {
       if (value->empty()) return std::unexpected("--api-key must not be empty");
       line.apiKeys.emplace_back(*value);

@@ -16,8 +16,8 @@ namespace verdalune::sessionreplay::collector {
 
 struct CommandLine {
   std::string host = "127.0.0.1";
-  int port = 0;  // 0: the system picks a free port
-  std::string databasePath = "vdl-collector.sqlite3";
+  int port = 0;                                    // 0: the system picks a free port
+  std::string database = "vdl-collector.sqlite3";  // a file path, or a postgresql:// URI
   std::vector<std::string> apiKeys;
   std::map<std::string, std::string> configFiles;  // api key -> remote configuration JSON file
   std::size_t maxBodyBytes = 20 * 1024 * 1024;

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
+#include <string_view>
 #include <vector>
 
 namespace verdalune::sessionreplay::collector {
@@ -47,6 +48,17 @@ std::optional<Peer> peerOf(int descriptor, int localPort) {
 
 std::string keyOf(const std::string& address, int port) {
   return address + " " + std::to_string(port);
+}
+
+constexpr const char* kSlowHeaders = "its request headers took too long";
+
+// Whether a request's headers have arrived whole on the connection, unread yet: a look at what waits in
+// its receive buffer, which leaves it there for the worker.
+bool headersArrived(int descriptor) {
+  char buffer[16 * 1024];
+  const ssize_t size = recv(descriptor, buffer, sizeof buffer, MSG_PEEK | MSG_DONTWAIT);
+  return size > 0 &&
+         std::string_view(buffer, static_cast<std::size_t>(size)).find("\r\n\r\n") != std::string_view::npos;
 }
 
 }  // namespace
@@ -148,7 +160,7 @@ void ConnectionGuard::watch(int localPort) {
       if (connection.cut) continue;
       ++countByAddress[peer.address];
       if (!connection.busy && now - connection.waitingSince > limits_.headerDeadline) {
-        cuts.push_back({peer, "its request headers took too long"});
+        cuts.push_back({peer, kSlowHeaders});
       } else if (connection.busy && connection.bodyDeadline && now > *connection.bodyDeadline) {
         cuts.push_back({peer, "its body arrived too slowly"});
       } else if (!connection.busy && now - connection.waitingSince > kCapGrace) {
@@ -174,6 +186,15 @@ void ConnectionGuard::watch(int localPort) {
       // The descriptor may have been closed and reused since the scan; only the same connection is cut.
       const auto still = peerOf(peer.descriptor, localPort);
       if (!still || still->address != peer.address || still->port != peer.port) continue;
+      // Headers that are all in, unread, wait for a worker, not for their client: a crowd of connections
+      // queues for the workers, and the ones that sent their request on time are not cut for that.
+      if (reason == kSlowHeaders && headersArrived(peer.descriptor)) {
+        std::lock_guard relock(mutex_);
+        if (auto connection = connections_.find(keyOf(peer.address, peer.port));
+            connection != connections_.end())
+          connection->second.cut = false;
+        continue;
+      }
       shutdown(peer.descriptor, SHUT_RDWR);
       if (log_) log_("closed a connection from " + peer.address + ": " + reason);
     }

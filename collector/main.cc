@@ -10,7 +10,7 @@
 
 #include "collector_server.h"
 #include "command_line.h"
-#include "session_database.h"
+#include "session_store.h"
 #include "support/files.h"
 
 using namespace verdalune::sessionreplay;
@@ -25,8 +25,8 @@ int fail(const std::string& reason, int status = 1) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // The database holds screens of people's phones: it, and the journal files SQLite makes beside it, are
-  // for this user only, whoever else can log in to the host.
+  // An SQLite database holds screens of people's phones: it, and the journal files SQLite makes beside it,
+  // are for this user only, whoever else can log in to the host.
   umask(077);
   const auto parsed = collector::parseCommandLine(std::span<const char* const>(argv + 1, argc - 1));
   if (!parsed) return fail(parsed.error() + " (see --help)", 2);
@@ -64,7 +64,7 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);  // a client that hangs up is a failed write, not the end of the server
 
-  auto database = collector::SessionDatabase::open(options.databasePath);
+  auto database = collector::openSessionStore(options.database);
   if (!database) return fail("cannot open the database " + database.error());
 
   std::mutex logMutex;

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "session_database.h"
+#include "session_store.h"
 
 namespace verdalune::sessionreplay::collector {
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "session_database.h"
+#include "session_store.h"
 
 // The collector's readers of what a client sends besides the upload body (see track_body.h): query
 // strings, header values, the path parts of the session routes and the fault list of the test controls.

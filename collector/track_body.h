@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "session_database.h"
+#include "session_store.h"
 
 namespace verdalune::sessionreplay::collector {
 

@@ -12,6 +12,7 @@ debian_packages=(
   zlib1g-dev rapidjson-dev
   libcurl4-openssl-dev               # the HTTP transport
   libcpp-httplib-dev libsqlite3-dev libssl-dev  # the collector and the tests' HTTP servers
+  postgresql libpq-dev               # the collector's shared store, and the server the tests start
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcairo2-dev                      # the simulated device draws its views
   libwebp-dev libpng-dev libjpeg62-turbo-dev  # image encoding, and its fallback

@@ -7,7 +7,8 @@ shift
 status=0
 output=$(mktemp)
 summary=$(mktemp)
-trap 'rm -f "$output" "$summary"' EXIT
+figures=$(mktemp)
+trap 'rm -f "$output" "$summary" "$figures"' EXIT
 for program in "$build"/bench/bench_*; do
   [ -x "$program" ] || continue
   name=$(basename "$program")
@@ -19,8 +20,15 @@ for program in "$build"/bench/bench_*; do
   [ "${PIPESTATUS[0]}" -eq 0 ] || status=1
   # The table's colour codes may run into the next line, so they go before the targets are picked out.
   sed -e 's/\x1b\[[0-9;]*m//g' "$output" | sed -n "s/^target:/$name:/p" >>"$summary"
+  sed -e 's/\x1b\[[0-9;]*m//g' "$output" | sed -n "s/^figure:/$name:/p" >>"$figures"
 done
 echo
 echo "== Targets"
 if [ -s "$summary" ]; then cat "$summary"; else echo "(no benchmark printed a target)"; fi
+# Figures have no target: what they measure depends on the machine's disk and database as much as on us.
+if [ -s "$figures" ]; then
+  echo
+  echo "== Figures"
+  cat "$figures"
+fi
 exit $status

@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "integration/postgres_server.h"
 #include "support/files.h"
 
 extern char** environ;
@@ -123,13 +124,24 @@ std::unique_ptr<CollectorProcess> CollectorProcess::start(Options options) {
     return nullptr;
   };
 
+  std::string database;
+  if (options.database) {
+    database = *options.database;
+  } else if (!testsStoreInPostgres()) {
+    database = (folder / "sessions.sqlite3").string();
+  } else {
+    PostgresServer* server = PostgresServer::shared();
+    if (!server) return giveUp("no PostgreSQL server to store into");
+    try {
+      database = server->createDatabase();
+    } catch (const std::runtime_error& error) {
+      return giveUp(error.what());
+    }
+  }
   const std::string token = randomToken();
-  std::vector<std::string> arguments{VDL_COLLECTOR_PATH,
-                                     "--port",
-                                     std::to_string(options.port.value_or(0)),
-                                     "--db",
-                                     (folder / "sessions.sqlite3").string(),
-                                     "--watch-stdin"};
+  std::vector<std::string> arguments{
+      VDL_COLLECTOR_PATH, "--port",       std::to_string(options.port.value_or(0)), "--db",
+      database,           "--watch-stdin"};
   if (options.testControls) arguments.insert(arguments.end(), {"--test-controls", token});
   const std::string readToken = randomToken();
   arguments.insert(arguments.end(), {"--read-token", readToken});
@@ -188,8 +200,16 @@ std::string CollectorProcess::log() const {
   return readLog(folder_);
 }
 
+void CollectorProcess::kill() {
+  if (killed_) return;
+  ::kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  close(lifeline_);
+  killed_ = true;
+}
+
 CollectorProcess::~CollectorProcess() {
-  stopProcess(pid_, lifeline_, folder_);
+  if (!killed_) stopProcess(pid_, lifeline_, folder_);
   std::error_code ignored;
   std::filesystem::remove_all(folder_, ignored);
 }

@@ -52,6 +52,9 @@ class CollectorProcess {
     // Off: started without --test-controls, so the calls that use them throw.
     bool testControls = true;
     std::vector<std::string> arguments{};  // more options for the command line
+    // Where it stores (--db): by default a fresh SQLite file in its folder, or a fresh database of the
+    // shared PostgreSQL server when testsStoreInPostgres().
+    std::optional<std::string> database{};
   };
 
   // Starts the binary (path from the compile definition VDL_COLLECTOR_PATH) on `port` (a free one when
@@ -63,11 +66,14 @@ class CollectorProcess {
   static std::unique_ptr<CollectorProcess> start(Options options);
   ~CollectorProcess();  // SIGTERM, waits, removes the temporary folder
 
+  // Ends the collector at once with SIGKILL, as a crash or an out-of-memory kill would.
+  void kill();
+
   CollectorProcess(const CollectorProcess&) = delete;
   CollectorProcess& operator=(const CollectorProcess&) = delete;
 
   int port() const { return port_; }
-  // The temporary folder of the collector's database (sessions.sqlite3) and log.
+  // The temporary folder of the collector's log, and of its database (sessions.sqlite3) when that is SQLite.
   const std::filesystem::path& folder() const { return folder_; }
   pid_t pid() const { return pid_; }
   std::string log() const;        // what the collector printed: its listening line, then one line per request
@@ -103,6 +109,7 @@ class CollectorProcess {
 
   pid_t pid_;
   int lifeline_;  // the write end of the collector's standard input; closing it stops the collector
+  bool killed_ = false;
   std::filesystem::path folder_;
   int port_;
   std::string testControlToken_;  // the collector runs with --test-controls and this

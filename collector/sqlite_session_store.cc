@@ -1,12 +1,16 @@
-#include "session_database.h"
+#include "sqlite_session_store.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace verdalune::sessionreplay::collector {
 namespace {
 
-constexpr const char* kSchema = R"sql(
+// The schema's versions in order; the file's user_version says how many of them it has. The first one
+// also finds the tables of files made before the schema had versions.
+constexpr const char* kMigrations[] = {
+    R"sql(
   CREATE TABLE IF NOT EXISTS blocks (
     api_key TEXT NOT NULL,
     device_id TEXT NOT NULL,
@@ -28,7 +32,11 @@ constexpr const char* kSchema = R"sql(
   );
   CREATE INDEX IF NOT EXISTS events_in_replay_order
     ON events (api_key, device_id, session_id, timestamp, seq_number, position);
-)sql";
+)sql",
+    // A session page names the device and session only; its api keys are looked up by them.
+    "CREATE INDEX IF NOT EXISTS blocks_of_session ON blocks (device_id, session_id);",
+};
+constexpr int kSchemaVersion = std::size(kMigrations);
 
 // A prepared statement that finalizes itself; errors carry the connection's message.
 class Statement {
@@ -99,7 +107,7 @@ std::string firstText(const Statement& row) {
 
 }  // namespace
 
-std::expected<std::unique_ptr<SessionDatabase>, std::string> SessionDatabase::open(
+std::expected<std::unique_ptr<SqliteSessionStore>, std::string> SqliteSessionStore::open(
     const std::filesystem::path& path) {
   sqlite3* connection = nullptr;
   const int opened = sqlite3_open_v2(
@@ -109,22 +117,21 @@ std::expected<std::unique_ptr<SessionDatabase>, std::string> SessionDatabase::op
     sqlite3_close(connection);
     return std::unexpected(path.string() + ": " + message);
   }
-  std::unique_ptr<SessionDatabase> database(new SessionDatabase(connection));
+  std::unique_ptr<SqliteSessionStore> database(new SqliteSessionStore(connection));
   // Write-ahead logging lets the session listing read while a block is being stored. A stored block is
   // acknowledged to the device, which then deletes its copy, so every commit is synced before the answer
   // goes out (FULL): NORMAL could lose the last acknowledged blocks on a power loss, with no copy left.
   if (auto ready = database->execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"); !ready)
     return std::unexpected(path.string() + ": " + ready.error());
-  if (auto ready = database->execute(kSchema); !ready)
-    return std::unexpected(path.string() + ": " + ready.error());
+  if (auto ready = database->migrate(); !ready) return std::unexpected(path.string() + ": " + ready.error());
   return database;
 }
 
-SessionDatabase::~SessionDatabase() {
+SqliteSessionStore::~SqliteSessionStore() {
   sqlite3_close(connection_);
 }
 
-std::expected<void, std::string> SessionDatabase::execute(const char* sql) {
+std::expected<void, std::string> SqliteSessionStore::execute(const char* sql) {
   char* message = nullptr;
   if (sqlite3_exec(connection_, sql, nullptr, nullptr, &message) == SQLITE_OK) return {};
   std::string error = message ? message : sqlite3_errmsg(connection_);
@@ -132,7 +139,28 @@ std::expected<void, std::string> SessionDatabase::execute(const char* sql) {
   return std::unexpected(error);
 }
 
-std::expected<SessionDatabase::Stored, std::string> SessionDatabase::storeBlock(
+std::expected<void, std::string> SqliteSessionStore::migrate() {
+  std::lock_guard lock(mutex_);
+  if (auto begun = execute("BEGIN IMMEDIATE"); !begun) return begun;
+  auto apply = [&]() -> std::expected<void, std::string> {
+    auto version = query<std::int64_t>(
+        connection_, "PRAGMA user_version", +[](const Statement& row) { return row.integer(0); });
+    if (!version) return std::unexpected(version.error());
+    const std::int64_t current = version->empty() ? 0 : version->front();
+    if (current > kSchemaVersion)
+      return std::unexpected("its schema is version " + std::to_string(current) +
+                             ", newer than this collector's " + std::to_string(kSchemaVersion));
+    for (std::int64_t next = current; next < kSchemaVersion; ++next) {
+      if (auto applied = execute(kMigrations[next]); !applied) return applied;
+    }
+    return execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
+  };
+  auto applied = apply();
+  if (auto ended = execute(applied ? "COMMIT" : "ROLLBACK"); !ended && applied) return ended;
+  return applied;
+}
+
+std::expected<SqliteSessionStore::Stored, std::string> SqliteSessionStore::storeBlock(
     const BlockKey& key, std::span<const ReceivedEvent> events) {
   std::lock_guard lock(mutex_);
   if (auto begun = execute("BEGIN IMMEDIATE"); !begun) return std::unexpected(begun.error());
@@ -175,7 +203,7 @@ std::expected<SessionDatabase::Stored, std::string> SessionDatabase::storeBlock(
   return stored;
 }
 
-std::expected<std::vector<SessionSummary>, std::string> SessionDatabase::sessions() {
+std::expected<std::vector<SessionSummary>, std::string> SqliteSessionStore::sessions() {
   std::lock_guard lock(mutex_);
   return query<SessionSummary>(
       connection_,
@@ -197,7 +225,7 @@ std::expected<std::vector<SessionSummary>, std::string> SessionDatabase::session
       });
 }
 
-std::expected<std::vector<std::string>, std::string> SessionDatabase::apiKeysOfSession(
+std::expected<std::vector<std::string>, std::string> SqliteSessionStore::apiKeysOfSession(
     const std::string& deviceId, std::int64_t sessionId) {
   std::lock_guard lock(mutex_);
   return query<std::string>(connection_,
@@ -206,9 +234,9 @@ std::expected<std::vector<std::string>, std::string> SessionDatabase::apiKeysOfS
                             &firstText, deviceId, sessionId);
 }
 
-std::expected<std::vector<std::string>, std::string> SessionDatabase::events(const std::string& apiKey,
-                                                                             const std::string& deviceId,
-                                                                             std::int64_t sessionId) {
+std::expected<std::vector<std::string>, std::string> SqliteSessionStore::events(const std::string& apiKey,
+                                                                                const std::string& deviceId,
+                                                                                std::int64_t sessionId) {
   std::lock_guard lock(mutex_);
   return query<std::string>(
       connection_,
