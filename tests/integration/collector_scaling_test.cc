@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <string>
@@ -88,6 +89,44 @@ void expectStoredOnce(const CollectorProcess& collector, const std::vector<std::
   }
 }
 
+// kClients threads at once, each uploading its blocks in order through `send`, which answers whether the
+// block was acknowledged; the uploads that were not, as "query: status body", once all are done.
+using Send = std::function<bool(int client, int sequence, const Block& block, std::string& failure)>;
+class Clients {
+ public:
+  explicit Clients(const Send& send) {
+    for (int client = 0; client < kClients; ++client) {
+      threads_.emplace_back([this, send, client] {
+        for (int sequence = 0; sequence < kBlocksPerClient; ++sequence) {
+          const Block block = blockOf(client, sequence);
+          std::string failure;
+          if (send(client, sequence, block, failure)) continue;
+          std::lock_guard lock(mutex_);
+          failures_.push_back(block.query + ": " + failure);
+        }
+      });
+    }
+  }
+  ~Clients() { (void)failures(); }
+  Clients(const Clients&) = delete;
+  Clients& operator=(const Clients&) = delete;
+
+  std::vector<std::string> failures() {
+    for (auto& thread : threads_) thread.join();
+    threads_.clear();
+    return failures_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> failures_;  // guarded by mutex_
+  std::vector<std::thread> threads_;
+};
+
+std::string describe(const std::pair<int, std::string>& answer) {
+  return std::to_string(answer.first) + " " + answer.second;
+}
+
 TEST(CollectorScaling, TwoProcessesStoreEachBlockOnceWhicheverAndHoweverManyOfThemItReaches) {
   auto [first, second] = startTwo();
   ASSERT_NE(first, nullptr);
@@ -96,37 +135,27 @@ TEST(CollectorScaling, TwoProcessesStoreEachBlockOnceWhicheverAndHoweverManyOfTh
   // Every third block goes to both collectors at the same moment, as a client that timed out on one
   // and retried on the other might: one of them stores it, the other finds it stored.
   std::atomic<int> storedAnswers = 0, alreadyAnswers = 0;
-  std::mutex failuresMutex;
-  std::vector<std::string> failures;
-  std::vector<std::thread> clients;
-  for (int client = 0; client < kClients; ++client) {
-    clients.emplace_back([&, client] {
-      for (int sequence = 0; sequence < kBlocksPerClient; ++sequence) {
-        const Block block = blockOf(client, sequence);
-        const CollectorProcess& target = (client + sequence) % 2 ? *first : *second;
-        std::vector<std::future<std::pair<int, std::string>>> answers;
-        answers.push_back(std::async(std::launch::async, [&] { return upload(target, block); }));
-        if (sequence % 3 == 0) {
-          const CollectorProcess& other = &target == first.get() ? *second : *first;
-          answers.push_back(std::async(std::launch::async, [&] { return upload(other, block); }));
-        }
-        for (auto& answer : answers) {
-          const auto [status, body] = answer.get();
-          if (status == 200 && body == R"({"events":3,"stored":true})") {
-            ++storedAnswers;
-          } else if (status == 200 && body == R"({"events":3,"stored":false})") {
-            ++alreadyAnswers;
-          } else {
-            std::lock_guard lock(failuresMutex);
-            failures.push_back(block.query + ": " + std::to_string(status) + " " + body);
-          }
-        }
+  Clients clients([&](int client, int sequence, const Block& block, std::string& failure) {
+    const CollectorProcess& target = (client + sequence) % 2 ? *first : *second;
+    std::vector<std::future<std::pair<int, std::string>>> answers;
+    answers.push_back(std::async(std::launch::async, [&] { return upload(target, block); }));
+    if (sequence % 3 == 0) {
+      const CollectorProcess& other = &target == first.get() ? *second : *first;
+      answers.push_back(std::async(std::launch::async, [&] { return upload(other, block); }));
+    }
+    for (auto& future : answers) {
+      const auto answer = future.get();
+      if (answer == std::pair{200, std::string(R"({"events":3,"stored":true})")}) {
+        ++storedAnswers;
+      } else if (answer == std::pair{200, std::string(R"({"events":3,"stored":false})")}) {
+        ++alreadyAnswers;
+      } else {
+        failure += describe(answer);
       }
-    });
-  }
-  for (auto& client : clients) client.join();
-
-  EXPECT_THAT(failures, ::testing::IsEmpty());
+    }
+    return failure.empty();
+  });
+  EXPECT_THAT(clients.failures(), ::testing::IsEmpty());
   EXPECT_EQ(storedAnswers, kClients * kBlocksPerClient);
   EXPECT_EQ(alreadyAnswers, kClients * ((kBlocksPerClient + 2) / 3));
   const std::vector<std::vector<bool>> all(kClients, std::vector<bool>(kBlocksPerClient, true));
@@ -145,35 +174,27 @@ TEST(CollectorScaling, AKilledProcessLosesNothingItAcknowledged) {
   std::atomic<int> acknowledgedCount = 0;
   std::atomic<bool> killed = false;
   std::vector<std::vector<bool>> acknowledged(kClients, std::vector<bool>(kBlocksPerClient, false));
-  std::mutex failuresMutex;
-  std::vector<std::string> failures;
-  std::vector<std::thread> clients;
-  for (int client = 0; client < kClients; ++client) {
-    clients.emplace_back([&, client] {
-      for (int sequence = 0; sequence < kBlocksPerClient; ++sequence) {
-        const Block block = blockOf(client, sequence);
-        const bool toDoomed = (client + sequence) % 2 == 0 && !killed;
-        auto [status, body] = upload(toDoomed ? *doomed : *survivor, block);
-        if (status == 0 && toDoomed) std::tie(status, body) = upload(*survivor, block);
-        if (status == 200) {
-          acknowledged[client][sequence] = true;
-          ++acknowledgedCount;
-        } else {
-          std::lock_guard lock(failuresMutex);
-          failures.push_back(block.query + ": " + std::to_string(status) + " " + body);
-        }
-      }
-    });
-  }
-  while (acknowledgedCount < kClients * kBlocksPerClient / 3)
+  Clients clients([&](int client, int sequence, const Block& block, std::string& failure) {
+    const bool toDoomed = (client + sequence) % 2 == 0 && !killed;
+    auto answer = upload(toDoomed ? *doomed : *survivor, block);
+    if (answer.first == 0 && toDoomed) answer = upload(*survivor, block);
+    if (answer.first != 200) {
+      failure = describe(answer);
+      return false;
+    }
+    acknowledged[client][sequence] = true;
+    ++acknowledgedCount;
+    return true;
+  });
+  for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+       acknowledgedCount < kClients * kBlocksPerClient / 3 && std::chrono::steady_clock::now() < deadline;)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   doomed->kill();
   killed = true;
-  for (auto& client : clients) client.join();
 
   // A block whose upload died with the collector was resent, and is there once, however far the dead
   // collector had come with it.
-  EXPECT_THAT(failures, ::testing::IsEmpty());
+  EXPECT_THAT(clients.failures(), ::testing::IsEmpty());
   expectStoredOnce(*survivor, acknowledged);
 }
 
