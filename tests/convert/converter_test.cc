@@ -282,23 +282,14 @@ TEST(VisualEffectFilterMapping, EveryBlurAndVibrancyStyleHasItsLook) {
       {18, "brightness(0.26) invert(0.16) saturate(1.5) blur(29.5px)"},
       {19, "brightness(0.08) invert(0.12) saturate(1.5) blur(29.5px)"},
       {20, "brightness(0.4) invert(0.18) saturate(2) brightness(0.9) blur(22.5px)"}};
-  // Vibrancy on the light and the dark materials, by vibrancy style 0 to 7.
-  const std::vector<std::string> light = {"",
-                                          "opacity(0.4) ",
-                                          "opacity(0.25) ",
-                                          "opacity(0.15) ",
-                                          "opacity(0.4) ",
-                                          "opacity(0.2) ",
-                                          "opacity(0.07) ",
-                                          "opacity(0.2) "};
-  const std::vector<std::string> dark = {"",
-                                         "opacity(0.6) ",
-                                         "opacity(0.25) ",
-                                         "opacity(0.15) ",
-                                         "opacity(0.4) ",
-                                         "opacity(0.2) ",
-                                         "opacity(0.07) ",
-                                         "opacity(0.2) "};
+  // Vibrancy on the light and the dark materials, by vibrancy style 0 to 7: the same strengths but for
+  // style 1, which the light scale has no 0.6 step for.
+  // clang-format off
+  const std::vector<std::string> light = {"", "opacity(0.4) ", "opacity(0.25) ", "opacity(0.15) ",
+                                          "opacity(0.4) ", "opacity(0.2) ", "opacity(0.07) ", "opacity(0.2) "};
+  // clang-format on
+  std::vector<std::string> dark = light;
+  dark[1] = "opacity(0.6) ";
   // Vibrancy on the classic glasses, whatever the vibrancy style.
   using Look = std::pair<std::optional<std::string>, std::optional<std::string>>;  // filter, blend mode
   const std::map<int, Look> classic = {
