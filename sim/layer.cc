@@ -152,8 +152,13 @@ void SimLayer::beginAnimation(const std::function<void(platform::LayerProperties
   change(*animated_);
 }
 
+void SimLayer::beginContentsTransition(std::optional<platform::Contents> shown) {
+  shownContents_ = std::move(shown);
+}
+
 void SimLayer::endAnimation() {
   animated_.reset();
+  shownContents_.reset();
 }
 
 std::shared_ptr<platform::Layer> SimLayer::presentationLayer() const {
@@ -162,7 +167,7 @@ std::shared_ptr<platform::Layer> SimLayer::presentationLayer() const {
   auto copy = std::make_shared<SimLayer>(className_, kind_);
   copy->properties_ = animated_ ? *animated_ : properties_;
   copy->filters_ = filters_;
-  copy->contents_ = contents_;
+  copy->contents_ = shownContents_ ? *shownContents_ : contents_;
   copy->delegate_ = delegate_;
   copy->model_ = std::const_pointer_cast<SimLayer>(shared_from_this());
   copy->isPresentation_ = true;

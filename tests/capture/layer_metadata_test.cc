@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <set>
 #include <thread>
@@ -14,17 +15,22 @@ namespace {
 
 using sim::SimLayer;
 
-// Runs first in this binary (gtest keeps declaration order), so the counter is still untouched.
+// In a fresh copy of the test program, whose counter no other test has touched, whatever the order.
 TEST(LayerMetadataTest, FirstIdsAre100Then101AndAskingAgainSpendsNoId) {
-  auto first = std::make_shared<SimLayer>();
-  auto second = std::make_shared<SimLayer>();
-  auto firstMetadata = metadataOf(*first);
-  EXPECT_EQ(firstMetadata->id(), 100);
-  EXPECT_EQ(metadataOf(*first), firstMetadata) << "the same object, not a new one";
-  EXPECT_EQ(metadataOf(*second)->id(), 101);
-  EXPECT_EQ(nextNodeId(), 102) << "the node id counter is shared with metadata";
-  EXPECT_EQ(firstMetadata->blockStatus, BlockStatus::none);
-  EXPECT_EQ(firstMetadata->blockMarkerType, BlockMarkerType::none);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        auto first = std::make_shared<SimLayer>();
+        auto second = std::make_shared<SimLayer>();
+        auto firstMetadata = metadataOf(*first);
+        const bool ok = firstMetadata->id() == 100 && metadataOf(*first) == firstMetadata &&
+                        metadataOf(*second)->id() == 101 && nextNodeId() == 102;
+        std::exit(ok ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+  auto metadata = metadataOf(*std::make_shared<SimLayer>());
+  EXPECT_EQ(metadata->blockStatus, BlockStatus::none);
+  EXPECT_EQ(metadata->blockMarkerType, BlockMarkerType::none);
 }
 
 TEST(LayerMetadataTest, ForeignAttachmentIsReplaced) {

@@ -101,22 +101,6 @@ TEST(LayerSnapshotTest, OwnTransformIsAppliedBeforeTheParentOne) {
   EXPECT_EQ(readLayerSnapshot(*layer, scale(2), kOs17).transform.m[12], 20);
 }
 
-TEST(LayerSnapshotTest, GradientWithANonColourKeepsEverythingButTheColours) {
-  auto gradient = std::make_shared<SimLayer>("CAGradientLayer", platform::LayerKind::gradient);
-  gradient->update([](platform::LayerProperties& p) {
-    p.gradient = platform::Gradient{std::nullopt, std::vector<double>{0, 1}, {0, 0}, {1, 1}, "radial"};
-  });
-  auto snapshot = readLayerSnapshot(*gradient, {}, kOs17);
-  EXPECT_FALSE(snapshot.gradientColors);
-  EXPECT_EQ(snapshot.gradientLocations, (std::vector<double>{0, 1}));
-  EXPECT_EQ(snapshot.gradientEndPoint, (platform::Point{1, 1}));
-  EXPECT_EQ(snapshot.gradientType, "radial");
-
-  auto plain = readLayerSnapshot(*std::make_shared<SimLayer>(), {}, kOs17);
-  EXPECT_FALSE(plain.gradientStartPoint);
-  EXPECT_FALSE(plain.gradientType);
-}
-
 TEST(LayerSnapshotTest, NonViewDelegateLeavesViewFieldsEmpty) {
   auto snapshot = readLayerSnapshot(*std::make_shared<SimLayer>(), {}, kOs17);
   EXPECT_EQ(snapshot.layerClass, "CALayer");

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/recording_logger.h"
+#include "verdalune/sim/drawing.h"
 #include "verdalune/sim/platform.h"
 #include "verdalune/sim/screen_builder.h"
 
@@ -117,19 +118,39 @@ TEST_F(SnapshotterTest, StartsOnceAndRestartsWhenAnArgumentChanges) {
   EXPECT_EQ(receiver->snapshots.size(), captured);
 }
 
-TEST_F(SnapshotterTest, OlderSystemsAskForTenFramesASecondTheOldWay) {
-  auto older =
-      std::make_shared<sim::SimPlatform>(sim::SimPlatform::Options{.application = {.osVersion = {14, 8, 0}}});
-  ScreenBuilder(*older).window({0, 0, 390, 844}).build();
-  auto olderSnapshotter = Snapshotter::make(older, receiver, logger, webViews);
-  olderSnapshotter->start("device", 1, MaskLevel::light);
-  ASSERT_EQ(older->ui()->displayLinks().size(), 1u);
-  EXPECT_DOUBLE_EQ(older->ui()->displayLinks().front()->rate(), 10);
-  olderSnapshotter->stop();
+// Newer systems take a frame rate range (1 to 10, 10 preferred); older ones only frames per second.
+TEST_F(SnapshotterTest, AsksForTenFramesASecondTheWayEachSystemTakes) {
+  for (const platform::OsVersion os :
+       {platform::OsVersion{17, 4, 0}, platform::OsVersion{15, 0, 0}, platform::OsVersion{14, 8, 0}}) {
+    auto phone =
+        std::make_shared<sim::SimPlatform>(sim::SimPlatform::Options{.application = {.osVersion = os}});
+    ScreenBuilder(*phone).window({0, 0, 390, 844}).build();
+    auto recorder = Snapshotter::make(phone, receiver, logger, webViews);
+    recorder->start("device", 1, MaskLevel::light);
+    ASSERT_EQ(phone->ui()->displayLinks().size(), 1u);
+    const auto& link = *phone->ui()->displayLinks().front();
+    if (os.major >= 15) {
+      ASSERT_TRUE(link.preferredFrameRateRange()) << os.major;
+      EXPECT_EQ(link.preferredFrameRateRange()->minimum, 1);
+      EXPECT_EQ(link.preferredFrameRateRange()->maximum, 10);
+      EXPECT_EQ(link.preferredFrameRateRange()->preferred, 10);
+      EXPECT_FALSE(link.preferredFramesPerSecond());
+    } else {
+      EXPECT_EQ(link.preferredFramesPerSecond(), 10);
+      EXPECT_FALSE(link.preferredFrameRateRange());
+    }
+    recorder->stop();
+  }
 }
 
 TEST_F(SnapshotterTest, KeySnapshotsComeAtMostOnceASecond) {
-  ScreenBuilder(*device).window({0, 0, 390, 844}).build();
+  // GPU drawing is read on key snapshots only: its drawables count them.
+  auto screen = ScreenBuilder(*device).window({0, 0, 390, 844}).build();
+  auto gpu = std::make_shared<SimLayer>("CAMetalLayer", platform::LayerKind::gpuDrawing);
+  std::static_pointer_cast<SimLayer>(screen.window->layer())->addSublayer(gpu);
+  gpu->setFrame({{0, 0}, {20, 20}});
+  metadataOf(*gpu)->blockStatus = BlockStatus::unblocked;  // GPU drawing is hidden unless the app shows it
+  gpu->setNextDrawable(sim::solidBitmap(2, 2, {1, 0, 0, 1}));
   snapshotter->start("device", 1, MaskLevel::light);
   std::vector<int> keyFrames;
   for (int i = 0; i <= 25; ++i) {
@@ -139,6 +160,7 @@ TEST_F(SnapshotterTest, KeySnapshotsComeAtMostOnceASecond) {
   }
   EXPECT_EQ(keyFrames, (std::vector<int>{0, 10, 20})) << "5.0, then the first frames at or after 6.0 and 7.0";
   EXPECT_EQ(receiver->snapshots.size(), 26u) << "every frame is captured, key or not";
+  EXPECT_EQ(gpu->drawableRequests(), 3) << "other frames reuse the GPU drawing read on the key one";
 
   snapshotter->stop();
   EXPECT_DOUBLE_EQ(snapshotter->lastTimestamp(), 7.0) << "stop keeps the last key time";
@@ -150,6 +172,8 @@ TEST_F(SnapshotterTest, OneRecognizerPerWindowAndNoneLeftAfterStop) {
   auto foreign = second->addTouchRecognizer(std::string(VerdaluneSessionReplayGestureRecognizer::name),
                                             [](const platform::TouchBatch&) {});
   screen.scene->addWindow(second);
+  auto alert = sim::SimWindow::make(device->app(), {0, 0, 390, 844});
+  screen.scene->addWindow(alert);
 
   snapshotter->start("device", 3, MaskLevel::light);
   snapshotter->onDisplay({10, 10.1});
@@ -163,13 +187,17 @@ TEST_F(SnapshotterTest, OneRecognizerPerWindowAndNoneLeftAfterStop) {
   ASSERT_EQ(receiver->touches.size(), 2u) << "one recognizer: each touch reported once";
   EXPECT_EQ(receiver->moveLists.size(), 1u);
   EXPECT_EQ(receiver->identifiers.back(), (std::pair<std::string, std::int64_t>{"device", 3}));
+  alert->touch(platform::TouchPhase::began, {{1, 2}});
+  alert->touch(platform::TouchPhase::ended, {{1, 2}});
+  device->app()->runUntilIdle();
+  EXPECT_EQ(receiver->touches.size(), 4u) << "touches on every window, not the first one only";
 
   snapshotter->stop();
   EXPECT_FALSE(screen.window->hasTouchRecognizer(VerdaluneSessionReplayGestureRecognizer::name));
   EXPECT_TRUE(foreign->isAttached()) << "a recognizer someone else installed is theirs to remove";
   screen.window->touch(platform::TouchPhase::began, {{5, 6}});
   device->app()->runUntilIdle();
-  EXPECT_EQ(receiver->touches.size(), 2u);
+  EXPECT_EQ(receiver->touches.size(), 4u);
 }
 
 TEST_F(SnapshotterTest, WalksEveryLayerWithIdsParentsAndNextSiblings) {
@@ -187,7 +215,10 @@ TEST_F(SnapshotterTest, WalksEveryLayerWithIdsParentsAndNextSiblings) {
   screen.find<sim::SimView>("hidden")->simLayer()->setHidden(true);
   screen.find<sim::SimView>("empty")->simLayer()->setOpacity(0);
   auto list = screen.find<sim::SimView>("list");
-  list->simLayer()->beginAnimation([](platform::LayerProperties& shown) { shown.opacity = 0.5f; });
+  list->simLayer()->beginAnimation([](platform::LayerProperties& shown) {
+    shown.opacity = 0.5f;
+    shown.sublayerTransform.m[13] = 100;  // the list's contents moved down, as a scroll view does
+  });
 
   auto second = sim::SimWindow::make(device->app(), {0, 0, 390, 844});
   screen.scene->addWindow(second);
@@ -210,9 +241,38 @@ TEST_F(SnapshotterTest, WalksEveryLayerWithIdsParentsAndNextSiblings) {
               i < 2 ? std::optional(listNode->children[i + 1].id) : std::nullopt);
   }
   EXPECT_TRUE(listNode->children[2].snapshot.isHidden);
+  EXPECT_EQ(listNode->children[0].snapshot.transform.m[13] - listNode->snapshot.transform.m[13], 100)
+      << "the list's sublayer transform is handed to its children";
 
   const Snapshot again = captureNow();
   EXPECT_EQ(findNode(again, idOf(*list))->children[1].id, listNode->children[1].id) << "ids are stable";
+}
+
+// Contents come from the model, and a capture registers every layer it walks with the layer observer, so
+// new contents set on the model replace the cached ones at the next capture.
+TEST_F(SnapshotterTest, ContentsAreTheModelsAndNewOnesReplaceTheCachedOnes) {
+  auto screen =
+      ScreenBuilder(*device).window({0, 0, 390, 844}).box({0, 0, 50, 50}, {1, 0, 0, 1}).named("box").build();
+  const auto layer = screen.find<sim::SimView>("box")->simLayer();
+  auto bitmap = [](platform::Color color) {
+    return std::make_shared<const platform::Bitmap>(sim::solidBitmap(2, 2, color));
+  };
+  auto shownImage = [&] {
+    const auto contents = findNode(captureNow(), metadataOf(*layer)->id())->contents;
+    if (!contents) return std::shared_ptr<const platform::Bitmap>();
+    const LayerContents::Contents read = contents->contents();
+    const auto* image = std::get_if<LayerContents::CgImage>(&read);
+    return image ? image->image : nullptr;
+  };
+  const auto model = bitmap({1, 0, 0, 1});
+  layer->setContents(model);
+  layer->beginContentsTransition(bitmap({0, 1, 0, 1}));
+  EXPECT_EQ(shownImage(), model) << "the model's contents, not the transition's";
+  layer->endAnimation();
+
+  const auto replaced = bitmap({0, 0, 1, 1});
+  layer->setContents(replaced);
+  EXPECT_EQ(shownImage(), replaced);
 }
 
 TEST_F(SnapshotterTest, APresentationLayerThatThrowsIsLoggedAndTheModelRead) {

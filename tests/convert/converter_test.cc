@@ -5,6 +5,9 @@
 #include <webp/decode.h>
 
 #include <functional>
+#include <map>
+#include <optional>
+#include <string>
 
 #include "common/recording_logger.h"
 #include "convert/visual_effect_filter_mapping.h"
@@ -258,20 +261,68 @@ TEST_F(ConverterTest, EffectsFilterTheBackdropOrTheLayerAndAShadowTakesOverTheFi
   EXPECT_THAT(declarations(shadowed), Contains("filter:drop-shadow(#0000003F 0.0px -3.0px 3.0px)"));
 }
 
-TEST(VisualEffectFilterMapping, AdaptiveMaterialsLookLikeTheirLightTwinsAndUnknownStylesMapToNothing) {
+// Every row of the tables, written out: a look changed by mistake in one row shows up here.
+TEST(VisualEffectFilterMapping, EveryBlurAndVibrancyStyleHasItsLook) {
   auto css = VisualEffectFilterMapping::css;
-  for (int adaptive = 6; adaptive <= 10; ++adaptive) {
-    EXPECT_EQ(css(VisualEffect::blur(adaptive)).filter, css(VisualEffect::blur(adaptive + 5)).filter);
-    EXPECT_EQ(css(VisualEffect::vibrancy(adaptive, 2)).filter, "opacity(0.25) url(#vibrancy-light)");
+  const char* const kGlass = "blur(20px) saturate(1.8);";
+  const std::map<int, std::string> blur = {
+      {0, kGlass},
+      {1, "blur(30px) saturate(1.8);"},
+      {2, kGlass},
+      {3, kGlass},
+      {4, kGlass},
+      {5, kGlass},
+      {11, "invert(0.16) invert() brightness(0.92) invert() saturate(1.1) brightness(1.12) blur(22.5px)"},
+      {12, "invert(0.2) invert() brightness(0.75) invert() saturate(1.35) brightness(1.12) blur(29.5px)"},
+      {13, "invert(0.32) invert() brightness(0.48) invert() saturate(1.5) brightness(1.1) blur(29.5px)"},
+      {14, "invert(0.38) invert() brightness(0.22) invert() saturate(1.5) brightness(1.045) blur(45px)"},
+      {15, "invert(0.34) invert() brightness(0.2) invert() saturate(1.1) brightness(1.1) blur(22.5px)"},
+      {16, "brightness(0.76) invert(0.12) saturate(1.1) blur(22.5px)"},
+      {17, "brightness(0.48) invert(0.14) saturate(1.35) blur(29.5px)"},
+      {18, "brightness(0.26) invert(0.16) saturate(1.5) blur(29.5px)"},
+      {19, "brightness(0.08) invert(0.12) saturate(1.5) blur(29.5px)"},
+      {20, "brightness(0.4) invert(0.18) saturate(2) brightness(0.9) blur(22.5px)"}};
+  // Vibrancy on the light and the dark materials, by vibrancy style 0 to 7: the same strengths but for
+  // style 1, which the light scale has no 0.6 step for.
+  // clang-format off
+  const std::vector<std::string> light = {"", "opacity(0.4) ", "opacity(0.25) ", "opacity(0.15) ",
+                                          "opacity(0.4) ", "opacity(0.2) ", "opacity(0.07) ", "opacity(0.2) "};
+  // clang-format on
+  std::vector<std::string> dark = light;
+  dark[1] = "opacity(0.6) ";
+  // Vibrancy on the classic glasses, whatever the vibrancy style.
+  using Look = std::pair<std::optional<std::string>, std::optional<std::string>>;  // filter, blend mode
+  const std::map<int, Look> classic = {
+      {0, {"saturate(4) brightness(0.1) invert(0.1)", "color-burn"}},
+      {1, {"saturate(4) brightness(0.1) invert(0.1)", "color-burn"}},
+      {2, {"saturate(4) brightness(0.5) invert(0.3)", "color-dodge"}},
+      {3, {"saturate(4) brightness(0.5) invert(0.3)", "color-dodge"}},
+      {4, {"saturate(4) brightness(0.1) invert(0.2) opacity(0.8)", "color-burn"}},
+      {5, {"saturate(4) brightness(0.05) invert(0.05) opacity(0.8)", "color-burn"}}};
+
+  for (int style = 0; style <= 21; ++style) {
+    // The adaptive materials (6 to 10) look like their light twins (11 to 15).
+    const int looksLike = style >= 6 && style <= 10 ? style + 5 : style;
+    const auto row = blur.find(looksLike);
+    EXPECT_EQ(css(VisualEffect::blur(style)).filter,
+              row == blur.end() ? std::nullopt : std::optional<std::string_view>(row->second))
+        << "blur style " << style;
+    EXPECT_EQ(css(VisualEffect::blur(style)).blendMode, std::nullopt) << "blur style " << style;
+    for (int vibrancy = 0; vibrancy <= 8; ++vibrancy) {
+      const auto got = css(VisualEffect::vibrancy(style, vibrancy));
+      Look expected;
+      if (vibrancy <= 7 && looksLike >= 11 && looksLike <= 15) {
+        expected = {light[vibrancy] + "url(#vibrancy-light)", "plus-darker"};
+      } else if (vibrancy <= 7 && looksLike >= 16 && looksLike <= 20) {
+        expected = {dark[vibrancy] + "url(#vibrancy-dark)", "plus-lighter"};
+      } else if (classic.contains(looksLike)) {
+        expected = classic.at(looksLike);
+      }
+      EXPECT_EQ(got.filter, expected.first) << "blur style " << style << ", vibrancy " << vibrancy;
+      EXPECT_EQ(got.blendMode, expected.second) << "blur style " << style << ", vibrancy " << vibrancy;
+    }
   }
-  EXPECT_EQ(css(VisualEffect::vibrancy(16, 1)).filter, "opacity(0.6) url(#vibrancy-dark)");
-  EXPECT_EQ(css(VisualEffect::vibrancy(16, 1)).blendMode, "plus-lighter");
-  EXPECT_EQ(css(VisualEffect::vibrancy(1, 3)).blendMode, "color-burn");
-  EXPECT_EQ(css(VisualEffect::vibrancy(2, 0)).blendMode, "color-dodge");
-  for (const VisualEffect& unknown :
-       {VisualEffect::noEffect(), VisualEffect::blur(21), VisualEffect::vibrancy(12, 8)}) {
-    EXPECT_FALSE(css(unknown).filter || css(unknown).blendMode);
-  }
+  EXPECT_FALSE(css(VisualEffect::noEffect()).filter || css(VisualEffect::noEffect()).blendMode);
 }
 
 TEST_F(ConverterTest, EncodedImagesArePlacedByTheGravityTableAndOnlyOnVisibleLayers) {

@@ -280,6 +280,8 @@ TEST_F(RemoteConfigTest, RetriesOnlyTransientFailuresAndCachesOnlyAnswers) {
 }
 
 TEST_F(RemoteConfigTest, AFetcherGoneWhileItsRequestIsInFlightStillCompletesButKeepsNothing) {
+  // The answer waits, so that the fetcher is surely gone before it arrives.
+  collector_->injectFaults({{.status = 0, .delayMs = 200, .drop = false}});
   Completions completions;
   fetcher_->fetch(3, completions.recorder());
   queue_->runUntilIdle();  // the request is out

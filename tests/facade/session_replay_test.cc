@@ -23,8 +23,6 @@ namespace {
 using testing::CollectorProcess;
 using testing::driveUntil;
 
-static_assert(!std::is_default_constructible_v<SessionReplay>, "a recorder needs its parameters");
-
 constexpr std::string_view kSessionReplayId = "[Verdalune] Session Replay ID";
 
 std::string configBody(std::string_view level, bool captureEnabled, double sampleRate) {

@@ -1,12 +1,16 @@
 #include "storage/storage_coordinator.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 
 #include "common/recording_logger.h"
 #include "rrweb/coding.h"
 #include "storage/in_memory_storage.h"
+#include "storage/persistent_storage.h"
 
 namespace verdalune::sessionreplay {
 namespace {
@@ -223,14 +227,29 @@ TEST_F(StorageCoordinatorTest, AnEventThatCannotBePackedIsLoggedAndWritesNothing
   EXPECT_EQ(error.message(), "could not pack the event");
 }
 
+// Files left in the blocks folder by earlier runs: blocks are offered in order, and a file whose name is
+// no block's is removed with its log line.
 TEST_F(StorageCoordinatorTest, StoredBlocksAreOfferedInOrderAndUnreadableOnesRemoved) {
-  // Left by earlier runs, in no particular order.
+  const auto root =
+      std::filesystem::temp_directory_path() / ("vdl-coordinator-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(root);
+  auto files = std::make_shared<PersistentStorage>("key", root);
   for (const BlockIdentity& identity :
        {BlockIdentity{"b", 1, 2}, BlockIdentity{"a", 9, 1}, BlockIdentity{"b", 1, 1}}) {
-    (void)storage_->create(identity);
+    ASSERT_TRUE(files->openOutputStream(files->create(identity).value()).value().close());
   }
-  start();
+  std::ofstream(files->folder() / "notes.txt") << "not a block";
+
+  auto coordinator = StorageCoordinator<PersistentStorage>::make(files, uploader_, logger_,
+                                                                 BlockState("key", defaults_), queue_);
+  queue_->runUntilIdle();
   EXPECT_EQ(uploader_->identities(), (std::vector<BlockIdentity>{{"a", 9, 1}, {"b", 1, 1}, {"b", 1, 2}}));
+  EXPECT_FALSE(std::filesystem::exists(files->folder() / "notes.txt"));
+  EXPECT_EQ(
+      logger_->errors(),
+      std::vector<std::string>{"[StorageCoordinator] Unable to retrieve info for block notes.txt, removing"});
+  coordinator.reset();
+  std::filesystem::remove_all(root);
 }
 
 TEST_F(StorageCoordinatorTest, ABlockClosesSixtySecondsAfterItOpened) {
@@ -250,16 +269,53 @@ TEST_F(StorageCoordinatorTest, ABlockClosesSixtySecondsAfterItOpened) {
   EXPECT_EQ(uploader_->uploads.size(), 2u) << "a flushed block's timer is cancelled";
 }
 
-TEST_F(StorageCoordinatorTest, ABlockHoldsAsManyRecordsAsFitInEightMillionBytes) {
-  const rrweb::Event event = metaEvent(1);
-  const std::size_t recordSize = EventPacker().pack(event).value().size() + 1;
-  const std::size_t fit = StorageCoordinator<InMemoryStorage>::kMaxBlockBytes / recordSize;
-  for (std::size_t i = 0; i <= fit; ++i) coordinator_->write(event, "device", 1);
+// Letters that zlib cannot shrink much.
+std::string noise(std::size_t length, std::uint32_t seed) {
+  std::string text;
+  for (std::uint32_t state = seed; text.size() < length;) {
+    state = state * 1664525u + 1013904223u;
+    text.push_back(static_cast<char>('a' + (state >> 24) % 26));
+  }
+  return text;
+}
+
+// A meta event whose record (packed, with its line feed) is exactly `size` bytes: its href is noise of
+// a length searched for (the record grows with it, if not by one byte each time), under seeds tried in turn.
+rrweb::Event eventOfRecordSize(std::size_t size) {
+  auto recordOf = [](const rrweb::Event& event) { return EventPacker().pack(event).value().size() + 1; };
+  for (std::uint32_t seed = 1;; ++seed) {
+    std::size_t shortest = 0, longest = size;  // the first length whose record is at least `size`
+    while (shortest < longest) {
+      const std::size_t middle = (shortest + longest) / 2;
+      if (recordOf(metaEvent(1, noise(middle, seed))) < size) {
+        shortest = middle + 1;
+      } else {
+        longest = middle;
+      }
+    }
+    const rrweb::Event event = metaEvent(1, noise(shortest, seed));
+    if (recordOf(event) == size) return event;
+  }
+}
+
+// An event that brings the block to exactly 8,000,000 bytes goes in; one byte more opens a new block.
+TEST_F(StorageCoordinatorTest, ABlockHoldsEightMillionBytesAndNotOneMore) {
+  const rrweb::Event filler = metaEvent(1, noise(10'000, 7));  // few records, as fast under sanitizers
+  const std::size_t fillerSize = EventPacker().pack(filler).value().size() + 1;
+  const std::size_t limit = StorageCoordinator<InMemoryStorage>::kMaxBlockBytes;
+  const std::size_t fillers = (limit - 2000) / fillerSize;
+  const std::size_t rest = limit - fillers * fillerSize;
+  for (const std::int64_t session : {1, 2}) {
+    for (std::size_t i = 0; i < fillers; ++i) coordinator_->write(filler, "device", session);
+    coordinator_->write(eventOfRecordSize(session == 1 ? rest : rest + 1), "device", session);
+  }
+  coordinator_->flush();
   queue_->runUntilIdle();
 
-  ASSERT_EQ(uploader_->identities(), (std::vector<BlockIdentity>{{"device", 1, 1}}));
-  EXPECT_EQ(storage_->read({"device", 1, 1}).value().size(), fit * recordSize);
-  EXPECT_EQ(storage_->read({"device", 1, 2}).value().size(), recordSize);
+  EXPECT_EQ(storage_->size({"device", 1, 1}).value(), limit);
+  EXPECT_EQ(uploader_->identities(),
+            (std::vector<BlockIdentity>{{"device", 1, 1}, {"device", 2, 1}, {"device", 2, 2}}));
+  EXPECT_EQ(storage_->size({"device", 2, 2}).value(), rest + 1);
 }
 
 TEST_F(StorageCoordinatorTest, ARecordLargerThanABlockIsWrittenAloneInAFreshOne) {

@@ -74,12 +74,5 @@ TEST(HttpClassification, OnlyTransientCasesAreRetried) {
   EXPECT_FALSE(isRetryable(TransportError{-1011, "bad server response"}));
 }
 
-TEST(HttpClassification, LogTextIsTheCaseNameOrTheTransportDescription) {
-  EXPECT_EQ(describe(HttpFailure(HttpError::rateLimited)), "rateLimited");
-  EXPECT_EQ(describe(HttpFailure(HttpError::invalidURL)), "invalidURL");
-  EXPECT_EQ(describe(HttpFailure(TransportError{-1011, "bad server response"})), "bad server response");
-  EXPECT_EQ(describe(HttpFailure(TransportError{-1011, ""})), "URL error -1011");
-}
-
 }  // namespace
 }  // namespace verdalune::sessionreplay

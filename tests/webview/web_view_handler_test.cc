@@ -25,28 +25,46 @@ using Evaluation = SimWebView::Evaluation;
 
 constexpr std::string_view kHandlerName = "vdl_injected_session_replay";
 
-// The recorder inside a guard that skips it when the page has a recorder already, then the driver. What the
-// driver does in a real page (recording, posting, starting afresh when evaluated again) is the browser
-// web view test's to check; here, the parts of it the bridge and the privacy of a recording depend on.
-TEST(InjectedScriptTest, GuardsTheRecorderSourceAndEndsWithTheDriver) {
-  const std::string_view script = WebViewHandler::injectedScript();
-  const std::string_view opening = "if (typeof window.rrweb?.record === 'undefined') {\n";
+// The recorder inside a guard that skips it when the page has a recorder already, then the driver, all
+// written out: a piece dropped or moved changes what every page runs. What the driver does in a real page
+// (recording, posting, starting afresh when evaluated again) is the browser web view test's to check.
+TEST(InjectedScriptTest, IsTheGuardedRecorderThenTheDriverExactly) {
   const std::string_view recorder = rrwebRecordSource();
-
-  ASSERT_TRUE(script.starts_with(opening));
-  const std::size_t at = script.find(recorder, opening.size());
-  ASSERT_NE(at, std::string_view::npos);
-  const std::string_view driver = script.substr(script.find("\n}\n\n(function() {", at + recorder.size()));
-  for (const std::string_view part :
-       {"const obj = {'event': JSON.stringify(event)};",
-        "window.webkit.messageHandlers.vdl_injected_session_replay.postMessage(obj);",
-        "inlineStylesheet: false,", "slimDOMOptions: 'all',", "recordAfter: 'load',",
-        "setTimeout(window.vdl_injected_recorder.record, 0);\n    return true;\n})();"}) {
-    EXPECT_NE(driver.find(part), std::string_view::npos) << part;
-  }
-  EXPECT_TRUE(driver.ends_with("})();"));
   EXPECT_NE(recorder.find("takeFullSnapshot"), std::string_view::npos) << "the recorder, whole";
   EXPECT_EQ(recorder.find("Replayer"), std::string_view::npos) << "the recorder only";
+
+  const std::string expected =
+      std::string(
+          "if (typeof window.rrweb?.record === 'undefined') {\n"
+          "window.rrweb = {...window.rrweb, record: (function(define, module, exports) {\n") +
+      std::string(recorder) +
+      "\nreturn exports.rrwebRecord.record;\n})(undefined, undefined, {})};"
+      "\n}\n\n(function() {\n"
+      "    if (typeof window.rrweb?.record === 'undefined') {\n"
+      "        throw new Error(\"Unable to access rrweb\");\n"
+      "    }\n"
+      "    if (typeof window.vdl_injected_recorder === 'undefined') {\n"
+      "        window.vdl_injected_recorder = {\n"
+      "            stopCurrentRecording: null,\n"
+      "            record: function() {\n"
+      "                window.vdl_injected_recorder.stopCurrentRecording?.();\n"
+      "                window.vdl_injected_recorder.stopCurrentRecording = window.rrweb.record({\n"
+      "                    emit(event) {\n"
+      "                        const obj = {'event': JSON.stringify(event)};\n"
+      "                        window.webkit.messageHandlers.vdl_injected_session_replay"
+      ".postMessage(obj);\n"
+      "                    },\n"
+      "                    inlineStylesheet: false,\n"
+      "                    slimDOMOptions: 'all',\n"
+      "                    recordAfter: 'load',\n"
+      "                });\n"
+      "            }\n"
+      "        };\n"
+      "    }\n"
+      "    setTimeout(window.vdl_injected_recorder.record, 0);\n"
+      "    return true;\n"
+      "})();";
+  EXPECT_EQ(WebViewHandler::injectedScript(), expected);
 }
 
 // A handler on a simulated device of the given OS version. Its web views have loaded a page (unless made

@@ -86,8 +86,11 @@ class SimLayer final : public platform::Layer, public std::enable_shared_from_th
   // An animation in flight: until endAnimation(), the presentation copy shows `change` applied to the
   // model values, while the model keeps what the application set.
   void beginAnimation(const std::function<void(platform::LayerProperties&)>& change);
+  // A contents transition in flight: until endAnimation(), the presentation copy shows `shown` while the
+  // model keeps the contents the application set.
+  void beginContentsTransition(std::optional<platform::Contents> shown);
   void endAnimation();
-  bool isAnimating() const { return animated_.has_value(); }
+  bool isAnimating() const { return animated_.has_value() || shownContents_.has_value(); }
 
   // Layers alive in this process, presentation copies included.
   static std::int64_t liveCount() { return LiveCount<SimLayer>::value(); }
@@ -124,6 +127,7 @@ class SimLayer final : public platform::Layer, public std::enable_shared_from_th
   std::vector<std::shared_ptr<Observer>> observers_;
   bool committed_ = false;
   std::optional<platform::LayerProperties> animated_;
+  std::optional<std::optional<platform::Contents>> shownContents_;  // during a contents transition
   bool presentationThrows_ = false;
   std::optional<platform::Bitmap> drawable_;
   SimTexture::Options drawableOptions_;

@@ -163,6 +163,9 @@ class SimDisplayLink final : public platform::DisplayLink,
 
   // The rate it fires at, frames per second.
   double rate() const;
+  // What was asked for, and how: the range on newer systems, frames per second on older ones.
+  const std::optional<platform::FrameRateRange>& preferredFrameRateRange() const { return range_; }
+  std::optional<int> preferredFramesPerSecond() const { return framesPerSecond_; }
   bool isRunning() const { return running_; }
 
  private:
