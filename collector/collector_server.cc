@@ -1,5 +1,7 @@
 #include "collector_server.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <zlib.h>
 
@@ -330,9 +332,13 @@ CollectorServer::CollectorServer(ServerSettings settings, SessionStore& database
       guard_(settings_.connectionLimits, log_) {
   http_.new_task_queue = [] { return new httplib::ThreadPool(kWorkerThreads); };
   http_.set_payload_max_length(settings_.maxBodyBytes);
-  // The socket the library is about to bind, kept for bind() to widen its queue of connections.
+  // The socket the library is about to bind, kept for bind() to widen its queue of connections. The
+  // connections it accepts inherit TCP_NODELAY: the library writes an answer's headers and body apart,
+  // and a client on a kept connection would otherwise wait out its delayed acknowledgement each time.
   http_.set_socket_options([this](int socket) {
     httplib::default_socket_options(socket);
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     listeningSocket_ = socket;
   });
 
