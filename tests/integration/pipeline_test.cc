@@ -104,8 +104,16 @@ TEST(PipelineDeathTest, AFullDiskLosesOnlyWhatCouldNotBeWritten) {
   ASSERT_NE(collector, nullptr);
   const auto folder =
       std::filesystem::temp_directory_path() / ("vdl-full-disk-" + std::to_string(::getpid()));
+  // The death test runs this body again in a fresh process, whose folder is named by its own pid: each
+  // process removes its own.
   std::filesystem::remove_all(folder);
-  EXPECT_EXIT(std::exit(recordOnAFullDisk(*collector, folder)), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(
+      {
+        const int status = recordOnAFullDisk(*collector, folder);
+        std::filesystem::remove_all(folder);
+        std::exit(status);
+      },
+      ::testing::ExitedWithCode(0), "");
   std::filesystem::remove_all(folder);
 }
 
