@@ -18,6 +18,7 @@
 #include "scenario/device_frames.h"
 #include "serialize/serializer.h"
 #include "verdalune/sim/drawing.h"
+#include "verdalune/sim/layer.h"
 #include "verdalune/sim/platform.h"
 #include "verdalune/sim/screen_builder.h"
 
@@ -152,6 +153,7 @@ int main(int argc, char** argv) {
   feed->addSubview(list);
   const auto sharedPhoto = photo({0.9, 0.4, 0.2, 1});
   std::vector<std::shared_ptr<sim::SimView>> cards;
+  std::vector<std::shared_ptr<sim::SimImageView>> cardPhotos;
   for (int i = 0; i < 8; ++i) {
     auto card = sim::SimViewNode::make<sim::SimView>();
     card->setFrame({12, 12 + 120.0 * i, 366, 108});
@@ -160,12 +162,20 @@ int main(int argc, char** argv) {
         sim::SimViewNode::make<sim::SimImageView>(i % 3 == 2 ? photo({0.2, 0.6, 0.3, 1}) : sharedPhoto);
     image->setFrame({8, 8, 96, 72});
     card->addSubview(image);
+    cardPhotos.push_back(image);
     auto title = sim::makeLabel("Morning run " + std::to_string(i + 1));
     title->setFrame({116, 10, 240, 24});
     card->addSubview(title);
     list->addSubview(card);
     cards.push_back(card);
   }
+  // A live preview: a surface its producer draws into in place.
+  auto surface = sim::SimSurface::bgra(120, 60);
+  surface->fill({0.95, 0.8, 0.1, 1});
+  auto preview = std::make_shared<sim::SimLayer>();
+  preview->setFrame({240, 90, 120, 60});
+  preview->setContents(platform::Contents(std::shared_ptr<platform::Surface>(surface)));
+  feed->simLayer()->addSublayer(preview);
   auto bar = sim::SimViewNode::make<sim::SimVisualEffectView>();
   bar->setFrame({0, 0, 390, 90});
   bar->setBlurEffect(sim::blurStyle::systemChromeMaterial);
@@ -202,6 +212,13 @@ int main(int argc, char** argv) {
   list->addSubview(cards[4]);
   frames(3);
   still("feed-changed");
+
+  // New pixels under the same layers: a photo replaced, the preview redrawn in place. A replay that kept the
+  // pictures it already had would show the old ones here.
+  cardPhotos[3]->setImage(photo({0.1, 0.1, 0.15, 1}));
+  surface->fill({0.1, 0.2, 0.6, 1});
+  frames(3);
+  still("pictures-changed");
 
   // Pop back to the sign-in screen.
   feed->removeFromSuperview();
