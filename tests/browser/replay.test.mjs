@@ -1,14 +1,11 @@
 import assert from 'node:assert/strict';
-import { execFile } from 'node:child_process';
-import { mkdir, mkdtemp, readFile, rm, writeFile } from 'node:fs/promises';
+import { mkdtemp, readFile, rm } from 'node:fs/promises';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
 import { after, before, describe, test } from 'node:test';
 import { fileURLToPath } from 'node:url';
-import { promisify } from 'node:util';
-import zlib from 'node:zlib';
 
-import { launchBrowser, loadRecording, packEvent, replayEvents } from './replay.mjs';
+import { launchBrowser, replayEvents } from './replay.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const fixture = (name) => path.join(here, 'fixtures', name);
@@ -17,34 +14,6 @@ const readJson = async (name) => JSON.parse(await readFile(fixture(name), 'utf8'
 let scratch;
 before(async () => { scratch = await mkdtemp(path.join(tmpdir(), 'vdl-replay-')); });
 after(async () => { await rm(scratch, { recursive: true, force: true }); });
-
-describe('reading recordings', () => {
-  test('block files of a folder are read in sequence order, not name order', async () => {
-    const events = await readJson('good.json');
-    const dir = path.join(scratch, 'blocks');
-    await mkdir(dir);
-    const lines = (list) => list.map(packEvent).join('\n') + '\n';
-    // Sequence 9 holds the first events; by name "..._10" would come first.
-    await writeFile(path.join(dir, 'device-a_42_9.replay'), lines(events.slice(0, 4)));
-    await writeFile(path.join(dir, 'device-a_42_10.replay'), lines(events.slice(4)));
-    assert.deepEqual(await loadRecording(dir), events);
-  });
-
-  test('damaged packed events are refused with their place in the file', async () => {
-    const good = JSON.parse(packEvent({ type: 4, timestamp: 1, data: {} }));
-    const cases = [
-      ['not Latin-1', JSON.stringify(good + 'Ā'), /:2: character U\+100 .* not Latin-1/],
-      ['not zlib', JSON.stringify('plain text'), /:2: not a zlib stream/],
-      ['no version', JSON.stringify(zlib.deflateSync('{"type":4}').toString('latin1')), /:2: the event has no "v":"v1"/],
-      ['cut literal', '"abc', /:2: not a JSON string literal/],
-    ];
-    for (const [name, badLine, message] of cases) {
-      const file = path.join(scratch, 'damaged.replay');
-      await writeFile(file, `${JSON.stringify(good)}\n${badLine}\n`);
-      await assert.rejects(loadRecording(file), message, name);
-    }
-  });
-});
 
 describe('replaying in Chromium', () => {
   let browser;
@@ -155,24 +124,5 @@ describe('replaying in Chromium', () => {
     assert.equal(messages.length, 2, problemsOf(result));
     assert.match(messages[0], /node 101: style ".*height: 96px.*" in the replay, ".*height: 120px.*" expected/);
     assert.match(messages[1], /the replay has node 105 \(<div> under node 100\)/);
-  });
-});
-
-describe('command line', () => {
-  const run = (args) => promisify(execFile)(process.execPath, [path.join(here, 'replay.mjs'), ...args])
-    .then(({ stdout }) => ({ code: 0, stdout }), (error) => ({ code: error.code, stdout: error.stdout, stderr: error.stderr }));
-
-  test('exit status and summary tell a good replay, a bad one and a bad call apart', async () => {
-    const [good, bad, usage] = await Promise.all([
-      run([fixture('good.json'), '--checkpoints', fixture('good.checkpoints.json')]),
-      run([fixture('bad-missing-parent.json')]),
-      run(['--at-index', '2', fixture('good.json')]),
-    ]);
-    assert.equal(good.code, 0, good.stdout);
-    assert.match(good.stdout, /^replay ok: 9 events .*\n  2 checkpoint\(s\) compared/);
-    assert.equal(bad.code, 1);
-    assert.match(bad.stdout, /replay FAILED.*\n  event #3 \(mutation \(1 adds\), t=\+200 ms\): \[missing node\] adds\[0\] puts node 104 under parent 999/);
-    assert.equal(usage.code, 2);
-    assert.match(usage.stderr, /--at-index and --at-time choose when to take --screenshot/);
   });
 });

@@ -101,21 +101,6 @@ TEST(LayerSnapshotTest, OwnTransformIsAppliedBeforeTheParentOne) {
   EXPECT_EQ(readLayerSnapshot(*layer, scale(2), kOs17).transform.m[12], 20);
 }
 
-TEST(LayerSnapshotTest, NonViewDelegateLeavesViewFieldsEmpty) {
-  auto snapshot = readLayerSnapshot(*std::make_shared<SimLayer>(), {}, kOs17);
-  EXPECT_EQ(snapshot.layerClass, "CALayer");
-  EXPECT_FALSE(snapshot.viewClass);
-  EXPECT_EQ(snapshot.userInterfaceStyle, 0);
-  EXPECT_FALSE(snapshot.isWebView);
-  EXPECT_FALSE(snapshot.webViewBackgroundColor);
-
-  auto label = sim::makeLabel("Hi");
-  label->setUserInterfaceStyle(platform::UserInterfaceStyle::dark);
-  auto labelSnapshot = readLayerSnapshot(*label->layer(), {}, kOs17);
-  EXPECT_EQ(labelSnapshot.viewClass, label->className());
-  EXPECT_EQ(labelSnapshot.userInterfaceStyle, 2);
-}
-
 TEST(LayerSnapshotTest, WebViewBackgroundFallsBackToUnderPageFromOs15ThenWhite) {
   sim::SimPlatform device;
   auto web = sim::SimViewNode::make<sim::SimWebView>(device.app()->mainQueue());

@@ -104,19 +104,6 @@ TEST(MaskingRuleDeathTest, LevelOutsideTheEnumerationStops) {
   EXPECT_DEATH(masked(*field, static_cast<MaskLevel>(7)), "mask level");
 }
 
-TEST(BlockStatusTest, BlockedAncestorBeatsUnblockedChild) {
-  auto container = sim::SimView::make<sim::SimView>();
-  auto field = sim::makeTextField("secret");
-  container->addSubview(field);
-  setVdl_isBlocked(*container->view(), true);
-  setVdl_isBlocked(*field->view(), false);
-
-  const BlockStatus parent =
-      effectiveBlockStatus(*container->simLayer(), BlockStatus::none, MaskLevel::light, kOs17);
-  EXPECT_EQ(parent, BlockStatus::blocked);
-  EXPECT_EQ(effectiveBlockStatus(*field->simLayer(), parent, MaskLevel::light, kOs17), BlockStatus::blocked);
-}
-
 TEST(BlockStatusTest, UnblockedAncestorSwitchesTheAutomaticRuleOff) {
   auto field = sim::makeTextField("secret");
   field->setSecureTextEntry(true);

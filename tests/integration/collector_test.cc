@@ -612,21 +612,6 @@ TEST_F(CollectorTest, ServesTestControlsOnlyToItsHarnessAndOnlyItsOwnHostNames) 
   EXPECT_EQ(other.Get("/config?api_key=test-key", {{"Host", "replay.example"}})->status, 200);
 }
 
-TEST_F(CollectorTest, RecordsOnlyTheLatestRequests) {
-  httplib::Client keepAlive(collector_->baseUrl());
-  keepAlive.set_keep_alive(true);
-  for (int i = 0; i <= 1000; ++i)
-    ASSERT_EQ(keepAlive.Get("/config?api_key=test-key&n=" + std::to_string(i))->status, 200);
-  const auto requests = collector_->requests();
-  ASSERT_EQ(requests.size(), 1000u);
-  EXPECT_EQ(requests.front().query, "api_key=test-key&n=1");
-  EXPECT_EQ(requests.back().status, 200);
-}
-
-TEST(CollectorProcessStart, ReportsACollectorThatCannotStart) {
-  EXPECT_EQ(CollectorProcess::start({.apiKeys = {}, .configs = {}, .maxBodyBytes = std::nullopt}), nullptr);
-}
-
 // A connection from `source` (in 127.0.0.0/8) that has begun a request whose headers never end; -1 when
 // it cannot connect.
 int slowConnection(const char* source, int port) {

@@ -52,25 +52,6 @@ TEST(EventCoding, FullSnapshotWritesTheTreeAndTheOffsetAsLeftAndTop) {
       R"("compatMode":"CSS1Compat","id":1,"type":0}},"timestamp":20,"type":2})");
 }
 
-TEST(EventCoding, EventMembersLeaveRoomForTheCallersOwnKeys) {
-  std::string out;
-  JsonWriter writer(out);
-  writer.beginObject();
-  writeEventMembers(writer, LoadedEvent{.timestamp = 1});
-  writer.key("v");
-  writer.string("v1");
-  writer.endObject();
-  EXPECT_TRUE(writer.ok());
-  EXPECT_EQ(out, R"({"timestamp":1,"type":1,"v":"v1"})");
-}
-
-TEST(EventCoding, NonFiniteNumbersMarkTheWriterFailed) {
-  std::string out;
-  JsonWriter writer(out);
-  write(writer, Event(MetaEvent{.href = "", .width = std::numeric_limits<double>::infinity(), .height = 1}));
-  EXPECT_FALSE(writer.ok());
-}
-
 TEST(NodeCoding, AbsentOptionalsAreLeftOutAndListsAlwaysWritten) {
   expectCoding(Node(DocumentNode{.id = 1, .childNodes = {}}), R"({"childNodes":[],"id":1,"type":0})");
   expectCoding(Node(ElementNode{.id = 3, .tagName = "div", .childNodes = {}}),

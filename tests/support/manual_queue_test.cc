@@ -93,58 +93,5 @@ TEST_F(ManualQueueTest, DelayedWorkRunsInDueOrderWithTheClockAtItsDueTime) {
   EXPECT_EQ(log.back(), "d@300");
 }
 
-TEST_F(ManualQueueTest, CancelledWorkNeverRunsEvenOnceDue) {
-  auto flush = queue.asyncAfter(60s, record("flush"));
-  EXPECT_EQ(queue.pendingCount(), 1u);
-  EXPECT_TRUE(flush->cancel());
-  EXPECT_EQ(queue.pendingCount(), 0u);
-
-  // Both due at 10 s: the first cancels the second after it has come due but before it starts.
-  std::shared_ptr<DelayedWork> second;
-  queue.asyncAfter(10s, [&] { EXPECT_TRUE(second->cancel()); });
-  second = queue.asyncAfter(10s, record("second"));
-
-  EXPECT_EQ(queue.advance(2min), 1u);
-  EXPECT_TRUE(log.empty());
-  EXPECT_FALSE(flush->cancel());
-}
-
-TEST_F(ManualQueueTest, SuspendedQueueRunsDueWorkAfterResumeInTheOrderItCameDue) {
-  queue.suspend();
-  queue.asyncAfter(10s, record("timer"));
-  EXPECT_EQ(queue.advance(20s), 0u);
-  queue.async(record("queued"));
-  EXPECT_EQ(queue.pendingCount(), 2u);
-  EXPECT_EQ(queue.runUntilIdle(), 0u);
-
-  queue.suspend();
-  EXPECT_TRUE(queue.resume());
-  EXPECT_EQ(queue.runUntilIdle(), 0u) << "suspension is counted";
-  EXPECT_TRUE(queue.resume());
-  EXPECT_EQ(queue.runUntilIdle(), 2u);
-  EXPECT_EQ(log, (std::vector<std::string>{"timer@20000", "queued@20000"}));
-
-  // Suspending from work stops the run after that work; a resume too many is ignored.
-  EXPECT_FALSE(queue.resume());
-  queue.async([&] { queue.suspend(); });
-  queue.async(record("held"));
-  EXPECT_EQ(queue.runUntilIdle(), 1u);
-  EXPECT_TRUE(queue.resume());
-  EXPECT_EQ(queue.runUntilIdle(), 1u);
-}
-
-TEST_F(ManualQueueTest, DestroyedByItsOwnWorkStopsAndDropsTheRest) {
-  auto own = std::make_unique<ManualQueue>("own", clock);
-  auto token = std::make_shared<int>(0);
-  std::weak_ptr<int> watch = token;
-  own->async([&] { own.reset(); });
-  own->async([token = std::move(token)] { FAIL() << "ran after its queue was destroyed"; });
-  own->asyncAfter(1s, [] { FAIL() << "ran after its queue was destroyed"; });
-
-  EXPECT_EQ(own->advance(2s), 1u);
-  EXPECT_TRUE(watch.expired());
-  EXPECT_EQ(elapsed(), 2s);
-}
-
 }  // namespace
 }  // namespace verdalune::sessionreplay

@@ -34,34 +34,6 @@ TEST(ManualPathMonitor, StartDeliversTheCurrentStatusThenOnlyChangesOnTheCallers
                                PathStatus::satisfied}));
 }
 
-TEST(ManualPathMonitor, NothingIsDeliveredAfterCancelEvenFromAnUpdateOrOnASecondStart) {
-  ManualPathMonitor monitor;
-  std::vector<PathStatus> first;
-  std::vector<PathStatus> second;
-  monitor.start([&](PathStatus status) { first.push_back(status); });
-  monitor.start([&](PathStatus status) { second.push_back(status); });
-  monitor.cancel();
-  monitor.set(PathStatus::unsatisfied);
-  EXPECT_EQ(first, std::vector{PathStatus::satisfied});
-  EXPECT_TRUE(second.empty());
-
-  ManualPathMonitor cancelledFirst;
-  cancelledFirst.cancel();
-  cancelledFirst.start([&](PathStatus status) { second.push_back(status); });
-  EXPECT_TRUE(second.empty());
-
-  // An update may cancel its own monitor.
-  ManualPathMonitor selfCancelling;
-  std::vector<PathStatus> seen;
-  selfCancelling.start([&](PathStatus status) {
-    seen.push_back(status);
-    if (status == PathStatus::unsatisfied) selfCancelling.cancel();
-  });
-  selfCancelling.set(PathStatus::unsatisfied);
-  selfCancelling.set(PathStatus::satisfied);
-  EXPECT_EQ(seen, (std::vector{PathStatus::satisfied, PathStatus::unsatisfied}));
-}
-
 TEST(ManualPathMonitor, NoUpdateRunsOnceCancelHasReturned) {
   ManualPathMonitor monitor;
   std::atomic<bool> cancelReturned{false};
