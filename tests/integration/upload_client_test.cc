@@ -204,9 +204,9 @@ TEST_F(UploadClientTest, ABadRequestOrALostAnswerIsReportedNotRetried) {
 
 // Opted out, out of sample or with capture switched off: nothing is sent and the block counts as delivered.
 TEST_F(UploadClientTest, SessionsThatAreNotRecordedSendNothingAndCountAsDelivered) {
-  for (const UploadClient::Options& options : {UploadClient::Options{.optOut = true},
-                                               UploadClient::Options{.sampleRate = 0.0f},
-                                               UploadClient::Options{.captureEnabled = false}}) {
+  for (const UploadClient::Options& options :
+       {UploadClient::Options{.optOut = true}, UploadClient::Options{.sampleRate = 0.0f},
+        UploadClient::Options{.captureEnabled = false}}) {
     auto client = makeClient(options);
     upload(*client, 1);
     ASSERT_TRUE(answered());
