@@ -207,11 +207,11 @@ TEST_F(UploadClientTest, SessionsThatAreNotRecordedSendNothingAndCountAsDelivere
   for (const UploadClient::Options& options :
        {UploadClient::Options{.optOut = true}, UploadClient::Options{.sampleRate = 0.0f},
         UploadClient::Options{.captureEnabled = false}}) {
+    answers_ = 0;
     auto client = makeClient(options);
     upload(*client, 1);
     ASSERT_TRUE(answered());
     EXPECT_EQ(outcome_, std::nullopt);
-    answers_ = 0;
   }
   EXPECT_EQ(requestCount(), 0u);
 }
